@@ -1,0 +1,18 @@
+#!/usr/bin/env bash
+# Builds Marrowline and runs every test: the plain build, the same tests under AddressSanitizer
+# and UndefinedBehaviorSanitizer, and the guard that the portable sources compile for Windows.
+source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
+
+mrwl_require_packages "${MRWL_BUILD_PACKAGES[@]}" g++-mingw-w64-x86-64-posix
+
+echo "== Windows compile guard"
+"$MRWL_ROOT/scripts/windows_compile_guard.sh"
+
+echo "== Sanitizer build and tests"
+mrwl_build "$MRWL_ROOT/build/asan" -DCMAKE_BUILD_TYPE=Debug -DMRWL_SANITIZE=ON -DMRWL_BUILD_BENCH=OFF
+ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
+  ctest --test-dir "$MRWL_ROOT/build/asan" -j "$MRWL_JOBS" --output-on-failure --timeout 300
+
+echo "== Build and tests"
+mrwl_build "$MRWL_ROOT/build/test" -DCMAKE_BUILD_TYPE=RelWithDebInfo
+ctest --test-dir "$MRWL_ROOT/build/test" -j "$MRWL_JOBS" --output-on-failure --timeout 300
