@@ -88,7 +88,9 @@ void UnregisterErrorDomain(std::uint32_t id) noexcept;
 
 // One of the three texts of a code into `buffer` of `size` characters, terminated, cut to fit.
 // With a null buffer and size 0, nothing is written. Returns the length of the whole text in
-// characters without the terminator; 0 when there is none.
+// characters without the terminator; 0 when there is none, for an unknown `kind` and when memory
+// runs out. The single-byte form gives the system's texts in UTF-8 and never cuts inside a
+// character; the wide form reads the tables' single-byte text as UTF-8.
 std::size_t GetErrorText(ResultCode code, int kind, char* buffer, std::size_t size) noexcept;
 std::size_t GetErrorText(ResultCode code, int kind, char16_t* buffer, std::size_t size) noexcept;
 
@@ -98,5 +100,11 @@ std::size_t GetErrorString(ResultCode code, WideString& result) noexcept;
 // The whole sentence for a code, for example "Error [IO subsystem]: Unsupported operation.", or
 // the message alone with `messageOnly`. Returns true.
 bool FormatErrorMessage(ResultCode code, WideString& result, bool messageOnly = false) noexcept;
+
+namespace internal {
+// The language in which the registry asks the system for its texts. The product never changes it
+// from 0; tests set a language the system lacks to drive the retry in language 0.
+void SetErrorLanguage(std::uint32_t languageId) noexcept;
+}  // namespace internal
 
 }  // namespace mrwl
