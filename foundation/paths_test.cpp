@@ -1,1 +1,488 @@
-// Placeholder until this unit lands.
+#include "foundation/paths.h"
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace mrwl {
+namespace {
+
+namespace fs = std::filesystem;
+using Lines = std::vector<std::string>;
+
+std::string Narrow(std::u16string_view text) { return WideToUtf8(text); }
+std::u16string Wide(const std::string& text) { return std::u16string(Utf8ToWide(text).view()); }
+
+void SetEnv(const char* name, const std::string& value) {
+#if defined(_WIN32)
+  _putenv_s(name, value.c_str());
+#else
+  setenv(name, value.c_str(), 1);
+#endif
+}
+
+// A scratch folder, the environment the shell helpers read, and scripts that stand in for the
+// desktop opener, the association tool and applications, recording what they were given.
+class PathsTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    dir_ = fs::temp_directory_path() /
+           ("mrwl-paths-" +
+            std::to_string(std::chrono::steady_clock::now().time_since_epoch().count()));
+    fs::create_directories(dir_);
+    for (const char* name : {"MRWL_OPENER", "MRWL_XDG_MIME", "XDG_DATA_HOME", "PATH", "TMPDIR"}) {
+      const char* value = std::getenv(name);
+      saved_.push_back({name, value != nullptr, value != nullptr ? value : ""});
+    }
+  }
+  void TearDown() override {
+    for (const Saved& s : saved_) {
+#if !defined(_WIN32)
+      if (!s.present) {
+        unsetenv(s.name.c_str());
+        continue;
+      }
+#endif
+      SetEnv(s.name.c_str(), s.value);
+    }
+    std::error_code ignored;
+    fs::remove_all(dir_, ignored);
+  }
+
+  std::string Path(const std::string& name) const { return (dir_ / name).string(); }
+
+  std::string WriteFile(const std::string& name, const std::string& text, bool executable) {
+    const std::string path = Path(name);
+    fs::create_directories(fs::path(path).parent_path());
+    std::ofstream(path) << text;
+    if (executable) {
+      fs::permissions(path, fs::perms::owner_all, fs::perm_options::add);
+    }
+    return path;
+  }
+
+  std::string WriteRecorder(const std::string& name, const std::string& record, int status = 0) {
+    return WriteFile(name,
+                     "#!/bin/sh\nprintf '%s\\n' \"$@\" > '" + record + ".part'\nmv '" + record +
+                         ".part' '" + record + "'\nexit " + std::to_string(status) + "\n",
+                     true);
+  }
+
+  // An opener that records what it was asked to open, or fails as if nothing could open it.
+  void UseOpener(int status = 0) {
+    SetEnv("MRWL_OPENER", WriteRecorder("opener.sh", Path("opened.txt"), status));
+  }
+  // Makes `script` the default application for "http".
+  void UseDefaultBrowser(const std::string& script) {
+    SetEnv("MRWL_XDG_MIME",
+           WriteFile("xdg-mime",
+                     "#!/bin/sh\n[ \"$3\" = x-scheme-handler/http ] && echo fake.desktop\n", true));
+    SetEnv("XDG_DATA_HOME", dir_.string());
+    WriteFile("applications/fake.desktop", "[Desktop Entry]\nExec=" + script + " %u\n", false);
+  }
+
+  Lines WaitForRecord(const std::string& record) {
+    for (int i = 0; i < 500; ++i) {
+      std::ifstream in(record);
+      if (in) {
+        Lines lines;
+        std::string line;
+        while (std::getline(in, line)) lines.push_back(line);
+        return lines;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    ADD_FAILURE() << "no record at " << record;
+    return {};
+  }
+
+  fs::path dir_;
+
+ private:
+  struct Saved {
+    std::string name;
+    bool present;
+    std::string value;
+  };
+  std::vector<Saved> saved_;
+};
+
+// --- Path text ---
+
+TEST(MakeLongPath, PrefixesFrom248UnitsOn) {
+  WideString scratch;
+  const std::u16string short247 = u"C:\\" + std::u16string(244, u'a');
+  ASSERT_EQ(short247.size(), 247u);
+  EXPECT_EQ(MakeLongPath(short247.c_str(), short247.size(), scratch), short247.c_str());
+
+  const std::u16string long248 = short247 + u"b";
+  const char16_t* made = MakeLongPath(long248.c_str(), long248.size(), scratch);
+  EXPECT_EQ(made, scratch.c_str());
+  EXPECT_EQ(std::u16string(made), u"\\\\?\\" + long248);
+  // The scratch's own text is already in its final form.
+  EXPECT_EQ(MakeLongPath(scratch.data(), scratch.Length(), scratch), scratch.data());
+}
+
+TEST(MakeLongPath, NetworkPathTakesTheUncForm) {
+  WideString scratch;
+  const std::u16string tail = u"server\\share\\" + std::u16string(285, u'x');
+  const std::u16string network = u"\\\\" + tail;
+  ASSERT_EQ(network.size(), 300u);
+  EXPECT_EQ(std::u16string(MakeLongPath(network.c_str(), network.size(), scratch)),
+            u"\\\\?\\UNC\\" + tail);
+  // A single leading separator is taken as a network path too; only it is dropped.
+  const std::u16string rooted = u"/" + tail;
+  EXPECT_EQ(std::u16string(MakeLongPath(rooted.c_str(), rooted.size(), scratch)),
+            u"\\\\?\\UNC\\" + tail);
+  EXPECT_EQ(MakeLongPath(nullptr, 0, scratch), nullptr);
+}
+
+TEST(GetPathExtension, SearchesTheFinalNameOnly) {
+  struct Case {
+    std::u16string path;
+    bool found;
+    std::u16string extension;
+  };
+  const Case cases[] = {
+      {u"report.pdf", true, u"pdf"},
+      {u"C:\\out\\Report.PDF", true, u"PDF"},
+      {u"archive.tar.gz", true, u"gz"},
+      {u"name.", true, u""},
+      {u".pdf", true, u"pdf"},
+      {u"dir.d/file", false, u""},
+      {u"dir.d\\file", false, u""},
+      {u"C:file", false, u""},
+      {u"x.y:stream", false, u""},
+      {u"noextension", false, u""},
+      {u"", false, u""},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(Narrow(c.path));
+    std::size_t length = 99;
+    const char16_t* extension = GetPathExtension(c.path.c_str(), c.path.size(), &length);
+    ASSERT_EQ(extension != nullptr, c.found);
+    EXPECT_EQ(length, c.extension.size());
+    if (c.found) {
+      EXPECT_EQ(std::u16string(extension, length), c.extension);
+    }
+  }
+}
+
+TEST(GetParentFolder, KeepsTheFinalSeparator) {
+  struct Case {
+    std::u16string path;
+    bool found;
+    std::u16string parent;
+  };
+  const Case cases[] = {
+      {u"C:\\dir\\file.txt", true, u"C:\\dir\\"},
+      {u"/tmp/dir/", true, u"/tmp/dir/"},
+      {u"/tmp//file", true, u"/tmp//"},
+      {u"\\\\server\\share", true, u"\\\\server\\"},
+      {u"a/b\\c", true, u"a/b\\"},
+      {u"file.txt", false, u""},
+      {u"", false, u""},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(Narrow(c.path));
+    WideString parent(u"old");
+    EXPECT_EQ(GetParentFolder(c.path.c_str(), c.path.size(), parent), c.found);
+    EXPECT_EQ(parent.view(), c.parent);
+  }
+}
+
+TEST(CombinePath, JoinsAndRemovesDotSegments) {
+  struct Case {
+    std::u16string relative;
+    std::u16string base;
+    std::u16string combined;
+  };
+  const Case cases[] = {
+      {u"b.txt", u"C:\\a", u"C:\\a\\b.txt"},
+      {u"b.txt", u"C:\\a\\", u"C:\\a\\b.txt"},
+      {u"..\\b", u"C:\\a\\c", u"C:\\a\\b"},
+      {u"..\\..\\..\\x", u"C:\\a", u"C:\\x"},
+      {u".\\x\\.\\y\\", u"C:\\a", u"C:\\a\\x\\y\\"},
+      {u"\\x", u"C:\\a\\b", u"C:\\x"},
+      {u"D:\\y", u"C:\\a", u"D:\\y"},
+      {u"\\\\srv\\s\\f", u"C:\\a", u"\\\\srv\\s\\f"},
+      {u"../up", u"\\\\srv\\share\\d", u"\\\\srv\\share\\up"},
+      {u"./x", u"/tmp/y", u"/tmp/y/x"},
+      {u"/abs/./z", u"/tmp", u"/abs/z"},
+      {u"../../..", u"/tmp/y", u"/"},
+      {u"", u"C:\\a\\.\\b\\..\\c", u"C:\\a\\c"},
+      {u"x/../../y", u"", u"../y"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(Narrow(c.relative) + " on " + Narrow(c.base));
+    WideString result;
+    EXPECT_TRUE(CombinePath(c.relative, c.base, result));
+    EXPECT_EQ(result.view(), c.combined);
+  }
+}
+
+TEST(CombinePath, RefusesResultsBeyondTheBuffer) {
+  WideString result(u"old");
+  const std::u16string name(200, u'n');
+  EXPECT_FALSE(CombinePath(name, u"C:\\" + std::u16string(60, u'b'), result));
+  EXPECT_TRUE(result.IsEmpty());
+  // 260 units fit with the terminator; ".." may bring a long text back under the limit.
+  EXPECT_TRUE(CombinePath(std::u16string(256, u'n'), u"C:\\", result));
+  EXPECT_EQ(result.Length(), 259u);
+  EXPECT_TRUE(CombinePath(u"..\\short", u"C:\\" + std::u16string(258, u'x'), result));
+  EXPECT_EQ(result.view(), u"C:\\short");
+}
+
+TEST_F(PathsTest, PathExistsFindsFilesAndFolders) {
+  WriteFile("present.txt", "data", false);
+  platform::FindDataW data{};
+  EXPECT_TRUE(PathExists(Wide(Path("present.txt")).c_str(), &data));
+  EXPECT_EQ(std::u16string(data.cFileName), u"present.txt");
+  EXPECT_EQ(data.nFileSizeLow, 4u);
+  EXPECT_TRUE(PathExists(Wide(dir_.string()).c_str()));
+  EXPECT_TRUE(PathExists(Wide(dir_.string() + "/").c_str()));
+  EXPECT_TRUE(PathExists(u"/"));
+  EXPECT_FALSE(PathExists(Wide(Path("absent.txt")).c_str()));
+  EXPECT_FALSE(PathExists(nullptr));
+}
+
+TEST_F(PathsTest, ForbiddenCharactersAreRefusedBeforeTheDisk) {
+  // Each of these names exists on this file system; only the scan can answer false for them.
+  for (const char* name : {"star*", "ask?", "less<", "more>", "pipe|", "quote\"", "co:lon"}) {
+    SCOPED_TRACE(name);
+    WriteFile(name, "x", false);
+    ASSERT_TRUE(fs::exists(Path(name)));
+    EXPECT_FALSE(PathExists(Wide(Path(name)).c_str()));
+  }
+  // A colon before a separator or at the end passes the scan.
+  fs::create_directories(Path("ok:"));
+  EXPECT_TRUE(PathExists(Wide(Path("ok:")).c_str()));
+  EXPECT_TRUE(PathExists(Wide(Path("ok:") + "/").c_str()));
+}
+
+// --- Locations ---
+
+TEST(KnownSchemes, HoldsSixtyFourSortedNames) {
+  EXPECT_EQ(KnownSchemes.size(), 64u);
+  for (std::size_t i = 1; i < KnownSchemes.size(); ++i) {
+    SCOPED_TRACE(Narrow(KnownSchemes[i]));
+    EXPECT_LT(CompareNoCase(KnownSchemes[i - 1], KnownSchemes[i]), 0);
+  }
+  for (std::u16string_view scheme : KnownSchemes) EXPECT_TRUE(IsKnownScheme(scheme));
+  EXPECT_TRUE(IsKnownScheme(u"MailTo"));
+  EXPECT_TRUE(IsKnownScheme(u"STRATUM+TCP"));
+  EXPECT_FALSE(IsKnownScheme(u"http"));
+  EXPECT_FALSE(IsKnownScheme(u"mail"));
+  EXPECT_FALSE(IsKnownScheme(u""));
+}
+
+TEST_F(PathsTest, ClassifyLocationCoversEveryBranch) {
+  const std::string file = WriteFile("page one.html", "<p>", false);
+  struct Case {
+    std::u16string text;
+    LocationKind kind;
+    std::u16string scheme;
+  };
+  const Case cases[] = {
+      {u"", LocationKind::kNothing, u""},
+      {Wide(file), LocationKind::kFileSystem, u""},
+      {u"file://" + Wide(dir_.string()) + u"/page%20one.html", LocationKind::kFileSystem, u""},
+      {u"./relative/x", LocationKind::kRelativePath, u""},
+      {u"..\\up", LocationKind::kRelativePath, u""},
+      {u"/no/such/place/mrwl", LocationKind::kNothing, u""},
+      {u" \t\u00a0", LocationKind::kNothing, u""},
+      {u"example.com", LocationKind::kPlainName, u""},
+      {u"1abc:x", LocationKind::kPlainName, u""},
+      {u"abcdefghijklmnopq:x", LocationKind::kPlainName, u""},
+      {u"abcdefghijklmnop://x", LocationKind::kScheme, u"abcdefghijklmnop"},
+      {u"http://example.com", LocationKind::kScheme, u"http"},
+      {u"  HTTPS:\\\\host", LocationKind::kScheme, u"HTTPS"},
+      {u"\u00a0ftp:///pub", LocationKind::kScheme, u"ftp"},
+      {u"file:///no/such/file", LocationKind::kScheme, u"file"},
+      {u"mailto:someone@example.org", LocationKind::kScheme, u"mailto"},
+      {u"tel: \u00a0+49", LocationKind::kScheme, u"tel"},
+      {u"stratum+tcp:pool", LocationKind::kScheme, u"stratum+tcp"},
+      {u"unknown:thing", LocationKind::kNothing, u""},
+      {u"http:/one-slash", LocationKind::kNothing, u""},
+      {u":orphan", LocationKind::kNothing, u""},
+      {u"mailto:", LocationKind::kNothing, u""},
+      {u"http:// host", LocationKind::kNothing, u""},
+      {u"http://:80", LocationKind::kNothing, u""},
+      {u"news:\u02b0x", LocationKind::kNothing, u""},
+      {u"news:\u200bx", LocationKind::kNothing, u""},
+      {u"news:\u1d9bx", LocationKind::kNothing, u""},
+      {u"news:\u206ax", LocationKind::kNothing, u""},
+      {u"news:\u0370x", LocationKind::kScheme, u"news"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(Narrow(c.text));
+    WideString scheme(u"untouched");
+    EXPECT_EQ(ClassifyLocation(c.text, &scheme), c.kind);
+    EXPECT_EQ(scheme.view(), HasScheme(c.kind) ? c.scheme : u"untouched");
+  }
+}
+
+TEST_F(PathsTest, BareMailAddressOpensAsMailLink) {
+  UseOpener();
+  struct Case {
+    std::u16string target;
+    std::string opened;
+  };
+  const Case cases[] = {
+      {u"someone@example.org", "mailto:someone@example.org"},
+      {u"https://host/a@b", "https://host/a@b"},
+      {u"mailto:x@y", "mailto:x@y"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.opened);
+    fs::remove(Path("opened.txt"));
+    EXPECT_TRUE(OpenLocation(c.target, false));
+    EXPECT_EQ(WaitForRecord(Path("opened.txt")), Lines{c.opened});
+  }
+  EXPECT_FALSE(OpenLocation(u"", false));
+}
+
+TEST_F(PathsTest, SlashBeforeTheAtSignIsNoMailAddress) {
+  UseOpener();
+  const std::string document = WriteFile("mail@home/note.txt", "x", false);
+  EXPECT_TRUE(OpenLocation(Wide(document), false));
+  EXPECT_EQ(WaitForRecord(Path("opened.txt")), Lines{document});
+}
+
+TEST_F(PathsTest, FileUrlWithFragmentFallsBackToTheDefaultBrowser) {
+  UseOpener(4);
+  UseDefaultBrowser(WriteRecorder("browser.sh", Path("browsed.txt")));
+  EXPECT_TRUE(OpenLocation(u"file:///tmp/with space/page.html#part \u00e9", false));
+  EXPECT_EQ(WaitForRecord(Path("browsed.txt")),
+            Lines{"file:///tmp/with%20space/page.html#part%20%C3%A9"});
+  EXPECT_EQ(WaitForRecord(Path("opened.txt")),
+            Lines{"file:///tmp/with space/page.html#part \xc3\xa9"});
+}
+
+TEST_F(PathsTest, FailedOpenWithoutFragmentStaysFailed) {
+  UseOpener(4);
+  UseDefaultBrowser(WriteRecorder("browser.sh", Path("browsed.txt")));
+  EXPECT_FALSE(OpenLocation(u"file:///tmp/page.html", false));
+  EXPECT_FALSE(OpenLocation(u"file:///tmp/page.html#", false));
+  EXPECT_FALSE(OpenLocation(u"https://example.org/#top", false));
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  EXPECT_FALSE(fs::exists(Path("browsed.txt")));
+}
+
+TEST_F(PathsTest, BrowserRequestFallsBackToTheShell) {
+  // No program of the browser's name exists here, so the plain open takes over.
+  UseOpener();
+  EXPECT_TRUE(OpenLocation(u"https://example.org/", true));
+  EXPECT_EQ(WaitForRecord(Path("opened.txt")), Lines{"https://example.org/"});
+}
+
+TEST_F(PathsTest, ShowInFolderSelectsThroughTheFileManager) {
+  WriteRecorder("bin/gdbus", Path("dbus.txt"));
+  SetEnv("PATH", Path("bin") + ":/usr/bin:/bin");
+  WriteFile("docs/a.pdf", "x", false);
+  const std::u16string_view selection[] = {u"a.pdf"};
+  EXPECT_EQ(ShowInFolder(u" \t\r\n" + Wide(Path("docs")), selection, 0), S_OK);
+  const Lines args = WaitForRecord(Path("dbus.txt"));
+  ASSERT_EQ(args.size(), 12u);
+  EXPECT_EQ(args[10], "['file://" + Path("docs") + "/a.pdf']");
+}
+
+TEST_F(PathsTest, ShowInFolderTakesTheFolderOfTheFirstItem) {
+  WriteFile("bin/gdbus", "#!/bin/sh\nexit 1\n", true);
+  SetEnv("PATH", Path("bin") + ":/usr/bin:/bin");
+  UseOpener();
+  const std::string item = WriteFile("docs/b.pdf", "x", false);
+  const std::u16string itemText = Wide(item);
+  const std::u16string_view views[] = {itemText};
+  // The file manager refuses, so the folder is opened as it is.
+  EXPECT_EQ(ShowInFolder(u"", views, 0), S_OK);
+  EXPECT_EQ(WaitForRecord(Path("opened.txt")), Lines{Path("docs") + "/"});
+}
+
+TEST_F(PathsTest, ShowInFolderRefusesWhatItCannotShow) {
+  UseOpener(4);
+  const std::u16string_view one[] = {u"/tmp/x.pdf"};
+  EXPECT_EQ(ShowInFolder(u"", {}, 0), E_INVALIDARG);
+  EXPECT_EQ(ShowInFolder(u"  ", one, 1), E_INVALIDARG);
+  EXPECT_EQ(ShowInFolder(u"", std::span<const std::u16string_view>(), 0), E_INVALIDARG);
+  // FTP stays with the folder route; any other scheme is opened as a location.
+  EXPECT_EQ(ShowInFolder(u"ftp://host/pub", {}, 0), HRESULT_FROM_WIN32(ERROR_NO_ASSOCIATION));
+  EXPECT_EQ(ShowInFolder(u"https://host/pub", {}, 0), E_FAIL);
+  UseOpener();
+  EXPECT_EQ(ShowInFolder(u"https://host/pub", {}, 0), S_OK);
+  EXPECT_EQ(WaitForRecord(Path("opened.txt")), Lines{"https://host/pub"});
+}
+
+TEST_F(PathsTest, DefaultCommandNamesTheProgram) {
+  const std::string browser = WriteRecorder("browser.sh", Path("never"));
+  UseDefaultBrowser(browser);
+  WideString program;
+  EXPECT_TRUE(GetDefaultCommand(u"http", program));
+  EXPECT_EQ(Narrow(program.view()), browser);
+  EXPECT_FALSE(GetDefaultCommand(u"gopher", program));
+  EXPECT_TRUE(program.IsEmpty());
+}
+
+// --- Temporary folder ---
+
+TEST_F(PathsTest, TempFolderEndsInTheSeparator) {
+  SetEnv("TMPDIR", dir_.string());
+  WideString folder;
+  ASSERT_TRUE(GetTempFolder(folder));
+  EXPECT_EQ(Narrow(folder.view()), dir_.string() + "/");
+  SetEnv("TMPDIR", dir_.string() + "/");
+  ASSERT_TRUE(GetTempFolder(folder));
+  EXPECT_EQ(Narrow(folder.view()), dir_.string() + "/");
+}
+
+TEST_F(PathsTest, LowIntegrityFolderLiesBelowLocalData) {
+  SetEnv("XDG_DATA_HOME", "/srv/data");
+  WideString folder;
+  ASSERT_TRUE(internal::GetTempFolderAt(true, folder));
+  EXPECT_EQ(folder.view(), u"/srv/data/Temp/Low/");
+  // From 249 units on the folder would outgrow the classic limit and is not offered.
+  SetEnv("XDG_DATA_HOME", "/" + std::string(247, 'd'));
+  EXPECT_TRUE(internal::GetTempFolderAt(true, folder));
+  SetEnv("XDG_DATA_HOME", "/" + std::string(248, 'd'));
+  EXPECT_FALSE(internal::GetTempFolderAt(true, folder));
+  EXPECT_TRUE(folder.IsEmpty());
+}
+
+bool SubfolderHook(WideString& result, TempFolderFunction builtIn) noexcept {
+  return builtIn(result) && result.Append(u"hooked/");
+}
+bool FailingHook(WideString& result, TempFolderFunction) noexcept {
+  result.Clear();
+  return false;
+}
+
+TEST_F(PathsTest, TempFolderHookMayWrapTheBuiltIn) {
+  SetEnv("TMPDIR", dir_.string());
+  WideString folder;
+  EXPECT_EQ(SetTempFolderHook(&SubfolderHook), nullptr);
+  ASSERT_TRUE(GetTempFolder(folder));
+  EXPECT_EQ(Narrow(folder.view()), dir_.string() + "/hooked/");
+  EXPECT_EQ(SetTempFolderHook(&FailingHook), &SubfolderHook);
+  EXPECT_FALSE(GetTempFolder(folder));
+  EXPECT_TRUE(folder.IsEmpty());
+  EXPECT_EQ(SetTempFolderHook(nullptr), &FailingHook);
+  ASSERT_TRUE(GetTempFolder(folder));
+  EXPECT_EQ(Narrow(folder.view()), dir_.string() + "/");
+}
+
+TEST(IsRunningOnWine, AnswersTheSameEveryTime) {
+  const bool first = IsRunningOnWine();
+#if !defined(_WIN32)
+  EXPECT_FALSE(first);
+#endif
+  EXPECT_EQ(IsRunningOnWine(), first);
+}
+
+}  // namespace
+}  // namespace mrwl

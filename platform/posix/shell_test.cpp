@@ -1,1 +1,407 @@
-// Placeholder until this unit lands.
+#include "platform/shell.h"
+
+#include <chrono>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "platform/kernel.h"
+#include "platform/posix/posix_util.h"
+
+namespace mrwl::platform {
+namespace {
+
+using Lines = std::vector<std::string>;
+
+int Code(HINSTANCE result) { return static_cast<int>(reinterpret_cast<std::uintptr_t>(result)); }
+
+// A scratch folder with small shell scripts that stand in for programs, openers and tools, and
+// that record the arguments they were started with.
+class ShellTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char pattern[] = "/tmp/mrwl-shell-XXXXXX";
+    ASSERT_NE(mkdtemp(pattern), nullptr);
+    dir_ = pattern;
+    for (const char* name : {"MRWL_OPENER", "MRWL_XDG_MIME", "XDG_DATA_HOME", "PATH"}) {
+      const char* value = getenv(name);
+      saved_.push_back({name, value != nullptr, value != nullptr ? value : ""});
+    }
+  }
+  void TearDown() override {
+    for (const Saved& s : saved_) {
+      if (s.present) {
+        setenv(s.name.c_str(), s.value.c_str(), 1);
+      } else {
+        unsetenv(s.name.c_str());
+      }
+    }
+    std::string command = "rm -rf '" + dir_ + "'";
+    (void)std::system(command.c_str());
+  }
+
+  std::string Path(const std::string& name) const { return dir_ + "/" + name; }
+
+  std::string WriteFile(const std::string& name, const std::string& text, bool executable) {
+    const std::string path = Path(name);
+    std::ofstream(path) << text;
+    chmod(path.c_str(), executable ? 0755 : 0644);
+    return path;
+  }
+
+  // A script that writes its arguments, one a line, to `record` and exits with `status`.
+  std::string WriteRecorder(const std::string& name, const std::string& record, int status = 0) {
+    return WriteFile(name,
+                     "#!/bin/sh\nprintf '%s\\n' \"$@\" > '" + record + ".part'\nmv '" + record +
+                         ".part' '" + record + "'\nexit " + std::to_string(status) + "\n",
+                     true);
+  }
+
+  void UseOpener(const std::string& path) { setenv("MRWL_OPENER", path.c_str(), 1); }
+
+  // Waits for a started child to leave its record.
+  Lines WaitForRecord(const std::string& record) {
+    for (int i = 0; i < 500; ++i) {
+      std::ifstream in(record);
+      if (in) {
+        Lines lines;
+        std::string line;
+        while (std::getline(in, line)) lines.push_back(line);
+        return lines;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    ADD_FAILURE() << "no record at " << record;
+    return {};
+  }
+
+  bool Exists(const std::string& path) const { return access(path.c_str(), F_OK) == 0; }
+
+  std::u16string U(const std::string& text) const { return posix::FromUtf8(text); }
+
+  std::string dir_;
+
+ private:
+  struct Saved {
+    std::string name;
+    bool present;
+    std::string value;
+  };
+  std::vector<Saved> saved_;
+};
+
+TEST(CommandLineToArgvW, SplitsByTheRuntimeRules) {
+  struct Case {
+    const char16_t* line;
+    std::vector<std::u16string> words;
+  };
+  const Case cases[] = {
+      {u"p \"a b c\" d e", {u"p", u"a b c", u"d", u"e"}},
+      {u"p \"ab\\\"c\" \"\\\\\" d", {u"p", u"ab\"c", u"\\", u"d"}},
+      {u"p a\\\\\\b d\"e f\"g h", {u"p", u"a\\\\\\b", u"de fg", u"h"}},
+      {u"p a\\\\\\\"b c d", {u"p", u"a\\\"b", u"c", u"d"}},
+      {u"p a\\\\\\\\\"b c\" d e", {u"p", u"a\\\\b c", u"d", u"e"}},
+      {u"p a\"b\"\" c d", {u"p", u"ab\" c d"}},
+      {u"p \"\" x", {u"p", u"", u"x"}},
+      {u"p \t  spaced\targs  ", {u"p", u"spaced", u"args"}},
+      {u"\"C:\\Program Files\\app.exe\" /x", {u"C:\\Program Files\\app.exe", u"/x"}},
+      {u"C:\\dir\\\"odd /y", {u"C:\\dir\\\"odd", u"/y"}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(posix::ToUtf8(c.line));
+    int count = 0;
+    char16_t** argv = CommandLineToArgvW(c.line, &count);
+    ASSERT_NE(argv, nullptr);
+    std::vector<std::u16string> words(argv, argv + count);
+    EXPECT_EQ(argv[count], nullptr);
+    LocalFree(argv);
+    EXPECT_EQ(words, c.words);
+  }
+}
+
+TEST(CommandLineToArgvW, EmptyLineGivesTheProgramPath) {
+  int count = 0;
+  char16_t** argv = CommandLineToArgvW(u"", &count);
+  ASSERT_NE(argv, nullptr);
+  EXPECT_EQ(count, 1);
+  EXPECT_EQ(argv[0][0], u'/');
+  LocalFree(argv);
+}
+
+TEST_F(ShellTest, ProgramReceivesParametersSplitByWindowsRules) {
+  const std::string record = Path("argv.txt");
+  const std::string program = WriteRecorder("prog.sh", record);
+  const HINSTANCE result =
+      ShellExecuteW(nullptr, nullptr, U(program).c_str(),
+                    u"one \"two three\" a\\\\\\\"b \"\" tail\\", nullptr, SW_SHOW);
+  ASSERT_GT(Code(result), 32);
+  EXPECT_EQ(WaitForRecord(record), (Lines{"one", "two three", "a\\\"b", "", "tail\\"}));
+}
+
+TEST_F(ShellTest, ProgramStartsInTheGivenFolder) {
+  const std::string record = Path("pwd.txt");
+  const std::string program = WriteFile(
+      "where.sh",
+      "#!/bin/sh\npwd > '" + record + ".part'\nmv '" + record + ".part' '" + record + "'\n", true);
+  mkdir(Path("work").c_str(), 0700);
+  ASSERT_GT(Code(ShellExecuteW(nullptr, u"open", U(program).c_str(), nullptr,
+                               U(Path("work")).c_str(), SW_SHOW)),
+            32);
+  EXPECT_EQ(WaitForRecord(record), Lines{Path("work")});
+}
+
+TEST_F(ShellTest, RelativeProgramIsFoundInTheWorkingFolder) {
+  const std::string record = Path("rel.txt");
+  WriteRecorder("rel.sh", record);
+  ASSERT_GT(Code(ShellExecuteW(nullptr, u"open", u"rel.sh", u"x", U(dir_).c_str(), SW_SHOW)), 32);
+  EXPECT_EQ(WaitForRecord(record), Lines{"x"});
+}
+
+TEST_F(ShellTest, MissingProgramGivesTheWindowsErrors) {
+  struct Case {
+    std::string file;
+    int code;
+  };
+  const Case cases[] = {
+      {Path("absent.exe"), 2},
+      {Path("no-folder/absent.exe"), 3},
+      {"mrwl-no-such-program-on-path", 2},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.file);
+    SetLastError(0);
+    EXPECT_EQ(Code(ShellExecuteW(nullptr, nullptr, U(c.file).c_str(), u"a", nullptr, SW_SHOW)),
+              c.code);
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(c.code));
+  }
+}
+
+TEST_F(ShellTest, ProgramThatCannotRunIsRefused) {
+  // Executable but not a program the system can load: no interpreter line, not a binary.
+  const std::string bogus = WriteFile("bogus",
+                                      "\x7f"
+                                      "ELF not really",
+                                      true);
+  EXPECT_EQ(Code(ShellExecuteW(nullptr, nullptr, U(bogus).c_str(), nullptr, nullptr, SW_SHOW)), 11);
+  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_BAD_EXE_FORMAT));
+}
+
+TEST_F(ShellTest, DocumentsFoldersAndAddressesGoToTheOpener) {
+  const std::string record = Path("opened.txt");
+  UseOpener(WriteRecorder("opener.sh", record));
+  const std::string document = WriteFile("letter.txt", "text", false);
+  mkdir(Path("folder").c_str(), 0700);
+  struct Case {
+    const char16_t* verb;
+    std::string target;
+  };
+  const Case cases[] = {
+      {u"open", document},
+      {nullptr, Path("folder")},
+      {u"explore", Path("folder")},
+      {u"open", "https://example.org/a b?q=1"},
+      {u"OPEN", "mailto:someone@example.org"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.target);
+    unlink(record.c_str());
+    ASSERT_GT(Code(ShellExecuteW(nullptr, c.verb, U(c.target).c_str(), u"ignored", nullptr,
+                                 SW_SHOWNORMAL)),
+              32);
+    EXPECT_EQ(WaitForRecord(record), Lines{c.target});
+  }
+}
+
+TEST_F(ShellTest, FailingOpenerIsReportedAsNoAssociationOrMissingFile) {
+  UseOpener(WriteRecorder("fails.sh", Path("r1"), 4));
+  EXPECT_EQ(Code(ShellExecuteW(nullptr, u"open", u"https://example.org", nullptr, nullptr, 1)), 31);
+  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_NO_ASSOCIATION));
+
+  UseOpener(WriteRecorder("missing.sh", Path("r2"), 2));
+  EXPECT_EQ(Code(ShellExecuteW(nullptr, u"open", u"https://example.org", nullptr, nullptr, 1)), 2);
+
+  UseOpener(Path("no-such-opener"));
+  EXPECT_EQ(Code(ShellExecuteW(nullptr, u"open", u"https://example.org", nullptr, nullptr, 1)), 31);
+}
+
+TEST_F(ShellTest, UnknownVerbsAndExploringAFileHaveNoAssociation) {
+  UseOpener(WriteRecorder("opener.sh", Path("never")));
+  const std::string document = WriteFile("doc.txt", "x", false);
+  EXPECT_EQ(Code(ShellExecuteW(nullptr, u"print", U(document).c_str(), nullptr, nullptr, 1)), 31);
+  EXPECT_EQ(Code(ShellExecuteW(nullptr, u"explore", U(document).c_str(), nullptr, nullptr, 1)), 31);
+  EXPECT_FALSE(Exists(Path("never")));
+}
+
+TEST_F(ShellTest, ShellExecuteExReportsThroughTheRecord) {
+  ShellExecuteInfoW info{};
+  info.cbSize = sizeof info;
+  info.fMask = SEE_MASK_FLAG_NO_UI;
+  info.lpVerb = u"open";
+  const std::u16string missing = U(Path("absent.exe"));
+  info.lpFile = missing.c_str();
+  EXPECT_EQ(ShellExecuteExW(&info), FALSE);
+  EXPECT_EQ(Code(info.hInstApp), 2);
+  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
+
+  const std::string record = Path("ex.txt");
+  const std::u16string program = U(WriteRecorder("ex.sh", record));
+  info.lpFile = program.c_str();
+  info.lpParameters = u"p";
+  EXPECT_EQ(ShellExecuteExW(&info), TRUE);
+  EXPECT_GT(Code(info.hInstApp), 32);
+  EXPECT_EQ(WaitForRecord(record), Lines{"p"});
+
+  info.cbSize = 1;
+  EXPECT_EQ(ShellExecuteExW(&info), FALSE);
+  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+}
+
+TEST_F(ShellTest, AssociationComesFromTheDesktopEntry) {
+  // xdg-mime answers by the MIME type; the desktop entry names the program.
+  WriteFile("xdg-mime",
+            "#!/bin/sh\ncase \"$3\" in\n x-scheme-handler/http) echo web.desktop ;;\n"
+            " application/pdf) echo reader.desktop ;;\nesac\n",
+            true);
+  setenv("MRWL_XDG_MIME", Path("xdg-mime").c_str(), 1);
+  setenv("XDG_DATA_HOME", dir_.c_str(), 1);
+  mkdir(Path("applications").c_str(), 0700);
+  const std::string browser = WriteRecorder("web browser.sh", Path("never"));
+  WriteFile(
+      "applications/web.desktop",
+      "[Desktop Action x]\nExec=wrong\n[Desktop Entry]\nName=Web\nExec=\"" + browser + "\" %u\n",
+      false);
+  WriteFile("applications/reader.desktop", "[Desktop Entry]\nExec=sh -c true %f\n", false);
+
+  char16_t out[2047];
+  DWORD length = 2047;
+  ASSERT_EQ(AssocQueryStringW(0, ASSOCSTR_EXECUTABLE, u"HTTP", u"open", out, &length), S_OK);
+  EXPECT_EQ(posix::ToUtf8(out), browser);
+
+  length = 2047;
+  ASSERT_EQ(AssocQueryStringW(0, ASSOCSTR_COMMAND, u"http", nullptr, out, &length), S_OK);
+  EXPECT_EQ(posix::ToUtf8(out), "\"" + browser + "\" %u");
+
+  length = 3;
+  EXPECT_EQ(AssocQueryStringW(0, ASSOCSTR_EXECUTABLE, u"http", nullptr, out, &length), E_POINTER);
+  EXPECT_EQ(length, browser.size() + 1);
+
+  // ".pdf" reaches application/pdf through the MIME database of the system.
+  length = 2047;
+  if (AssocQueryStringW(0, ASSOCSTR_EXECUTABLE, u".pdf", nullptr, out, &length) == S_OK) {
+    EXPECT_EQ(posix::ToUtf8(out).substr(posix::ToUtf8(out).rfind('/')), "/sh");
+  }
+
+  length = 2047;
+  EXPECT_EQ(AssocQueryStringW(0, ASSOCSTR_EXECUTABLE, u"gopher", nullptr, out, &length),
+            HRESULT_FROM_WIN32(ERROR_NO_ASSOCIATION));
+  EXPECT_EQ(AssocQueryStringW(0, ASSOCSTR_EXECUTABLE, u"http", u"print", out, &length),
+            HRESULT_FROM_WIN32(ERROR_NO_ASSOCIATION));
+}
+
+TEST(PathCreateFromUrlW, DecodesLocalFileUrls) {
+  struct Case {
+    const char16_t* url;
+    HRESULT hr;
+    std::u16string path;
+  };
+  const Case cases[] = {
+      {u"file:///tmp/a%20b/%C3%A9t%C3%A9.txt", S_OK, u"/tmp/a b/\u00e9t\u00e9.txt"},
+      {u"FILE://localhost/etc/hosts", S_OK, u"/etc/hosts"},
+      {u"file:///tmp/page.html#part", S_OK, u"/tmp/page.html"},
+      {u"file:/tmp/x", S_OK, u"/tmp/x"},
+      {u"file://server/share/x", E_INVALIDARG, u""},
+      {u"file:///tmp/%zz", E_INVALIDARG, u""},
+      {u"file:///tmp/%4", E_INVALIDARG, u""},
+      {u"http://example.org/", E_INVALIDARG, u""},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(posix::ToUtf8(c.url));
+    char16_t path[MAX_PATH] = {};
+    DWORD length = MAX_PATH;
+    EXPECT_EQ(PathCreateFromUrlW(c.url, path, &length, 0), c.hr);
+    if (c.hr == S_OK) {
+      EXPECT_EQ(std::u16string(path), c.path);
+      EXPECT_EQ(length, c.path.size());
+    }
+  }
+  char16_t small[4];
+  DWORD length = 4;
+  EXPECT_EQ(PathCreateFromUrlW(u"file:///tmp/x", small, &length, 0), E_POINTER);
+  EXPECT_EQ(length, 7u);
+}
+
+TEST(PathTests, RelativeAndFileUrlAnswers) {
+  EXPECT_TRUE(PathIsRelativeW(u"a/b"));
+  EXPECT_TRUE(PathIsRelativeW(u"..\\x"));
+  EXPECT_TRUE(PathIsRelativeW(u""));
+  EXPECT_FALSE(PathIsRelativeW(u"/tmp"));
+  EXPECT_FALSE(PathIsRelativeW(u"\\\\server\\share"));
+  EXPECT_FALSE(PathIsRelativeW(u"C:\\x"));
+  EXPECT_TRUE(UrlIsW(u"File:///x", URLIS_FILEURL));
+  EXPECT_FALSE(UrlIsW(u"fil", URLIS_FILEURL));
+  EXPECT_FALSE(UrlIsW(u"http://x", URLIS_FILEURL));
+  EXPECT_TRUE(UrlIsW(u"http://x", URLIS_URL));
+  EXPECT_FALSE(UrlIsW(u"C:\\x", URLIS_URL));
+}
+
+TEST_F(ShellTest, FileManagerIsAskedOverDBusForTheSelection) {
+  const std::string record = Path("dbus.txt");
+  mkdir(Path("bin").c_str(), 0700);
+  WriteRecorder("bin/gdbus", record);
+  setenv("PATH", (Path("bin") + ":/usr/bin:/bin").c_str(), 1);
+  mkdir(Path("my folder").c_str(), 0700);
+  WriteFile("my folder/a,b.pdf", "x", false);
+
+  ItemIdList* folder = ILCreateFromPathW(U(Path("my folder")).c_str());
+  ItemIdList* item = ILCreateFromPathW(U(Path("my folder/a,b.pdf")).c_str());
+  ASSERT_NE(folder, nullptr);
+  ASSERT_NE(item, nullptr);
+  EXPECT_EQ(ILCreateFromPathW(U(Path("my folder/absent")).c_str()), nullptr);
+  const ItemIdList* items[] = {item};
+  EXPECT_EQ(SHOpenFolderAndSelectItems(folder, 1, items, 0), S_OK);
+  const Lines args = WaitForRecord(record);
+  ASSERT_EQ(args.size(), 12u);
+  EXPECT_EQ(args[0], "call");
+  EXPECT_EQ(args[9], "org.freedesktop.FileManager1.ShowItems");
+  EXPECT_EQ(args[10], "['file://" + dir_ + "/my%20folder/a%2Cb.pdf']");
+
+  // A file manager that does not answer is a failure the caller can fall back from.
+  WriteRecorder("bin/gdbus", Path("dbus2.txt"), 1);
+  EXPECT_EQ(SHOpenFolderAndSelectItems(folder, 1, items, 0), E_FAIL);
+  ILFree(item);
+  ILFree(folder);
+}
+
+TEST(KnownFolders, LocalAppDataFollowsTheDataHome) {
+  const char* saved = getenv("XDG_DATA_HOME");
+  const std::string keep = saved != nullptr ? saved : "";
+  setenv("XDG_DATA_HOME", "/srv/data/", 1);
+  char16_t path[MAX_PATH];
+  EXPECT_EQ(SHGetFolderPathW(nullptr, CSIDL_LOCAL_APPDATA, nullptr, SHGFP_TYPE_CURRENT, path),
+            S_OK);
+  EXPECT_EQ(std::u16string(path), u"/srv/data");
+  EXPECT_EQ(SHGetFolderPathW(nullptr, 0x05, nullptr, 0, path), E_INVALIDARG);
+  EXPECT_TRUE(FAILED(SHGetKnownFolderPath(KnownFolder::kLocalAppDataLow, path, MAX_PATH)));
+  if (saved != nullptr) {
+    setenv("XDG_DATA_HOME", keep.c_str(), 1);
+  } else {
+    unsetenv("XDG_DATA_HOME");
+  }
+}
+
+TEST(ShellFileInfo, ReportsFolderAttributes) {
+  ShFileInfoW info{};
+  ASSERT_NE(SHGetFileInfoW(u"/", 0, &info, sizeof info, SHGFI_ATTRIBUTES), 0u);
+  EXPECT_NE(info.dwAttributes & static_cast<DWORD>(SFGAO_FOLDER), 0u);
+  EXPECT_EQ(SHGetFileInfoW(u"/no/such/place", 0, &info, sizeof info, SHGFI_ATTRIBUTES), 0u);
+}
+
+}  // namespace
+}  // namespace mrwl::platform
