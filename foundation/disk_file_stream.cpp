@@ -294,24 +294,7 @@ bool DiskFileStream::IsOpen() const noexcept { return record_ != nullptr && reco
 
 ResultCode DiskFileStream::Seek(int mode, std::int64_t offset) noexcept {
   if (record_ == nullptr) return kErrNotInitialized;
-  std::int64_t base = 0;
-  switch (mode) {
-    case kSeekBegin:
-      base = 0;
-      break;
-    case kSeekCurrent:
-      base = position_;
-      break;
-    case kSeekEnd:
-      base = record_->Size;
-      break;
-    default:
-      return kErrInvalidSeekMode;
-  }
-  const std::int64_t target = base + offset;
-  if (target < 0 || target > record_->Size) return kErrInvalidSeekPos;
-  position_ = target;
-  return kOk;
+  return SeekTarget(mode, offset, record_->Size, &position_);
 }
 
 DWORD DiskFileStream::TransferPiece(bool write, void* buffer, DWORD count, DWORD* got) noexcept {
@@ -331,8 +314,8 @@ DWORD DiskFileStream::TransferPiece(bool write, void* buffer, DWORD count, DWORD
     error = ok ? 0 : platform::GetLastError();
   }
   if (ok) return 0;
-  // A failure that forgot its number is still a failure.
-  return error == 0 ? static_cast<DWORD>(ERROR_GEN_FAILURE) : error;
+  // A failure that forgot its number is still a failure; ErrorResult tells it apart.
+  return error == 0 ? kNoErrorNumber : error;
 }
 
 ResultCode DiskFileStream::Read(void* buffer, std::size_t count, std::size_t* done) noexcept {
@@ -340,6 +323,7 @@ ResultCode DiskFileStream::Read(void* buffer, std::size_t count, std::size_t* do
   if (record_ == nullptr) return kErrNotInitialized;
   if (!(record_->Access & kAccessRead)) return kErrInvalidAccessMode;
   if (count == 0) return kOk;
+  if (buffer == nullptr || !FitsAfter(position_, count)) return kErrInvalidArgument;
   auto* bytes = static_cast<unsigned char*>(buffer);
   std::size_t total = 0;
   while (total < count) {
@@ -351,7 +335,7 @@ ResultCode DiskFileStream::Read(void* buffer, std::size_t count, std::size_t* do
       if (error == 0) break;
       if (!IsNetworkFailure(error)) {
         if (done != nullptr) *done = total;
-        return SystemErrorCode(error);
+        return ErrorResult(error);
       }
       if (reopened) {
         if (done != nullptr) *done = total;
@@ -376,6 +360,9 @@ ResultCode DiskFileStream::Write(const void* buffer, std::size_t count,
   if (done != nullptr) *done = 0;
   if (record_ == nullptr) return kErrNotInitialized;
   if (!(record_->Access & kAccessWrite)) return kErrInvalidAccessMode;
+  if ((buffer == nullptr && count != 0) || !FitsAfter(position_, count)) {
+    return kErrInvalidArgument;
+  }
   // The transfer helper serves both directions; a write never stores into the buffer.
   auto* bytes = static_cast<unsigned char*>(const_cast<void*>(buffer));
   std::size_t total = 0;
@@ -387,7 +374,7 @@ ResultCode DiskFileStream::Write(const void* buffer, std::size_t count,
     position_ += got;
     total += got;
     if (error != 0) {
-      result = SystemErrorCode(error);
+      result = ErrorResult(error);
       break;
     }
     if (got < piece) {

@@ -13,7 +13,9 @@ constexpr std::int64_t kFirstGrowth = 8192;
 constexpr std::int64_t kPage = 4096;
 constexpr std::int64_t kMinCompactSize = 4;
 
+// `value` rounded up to a multiple of `step`, or -1 when that passes the largest size.
 std::int64_t RoundUp(std::int64_t value, std::int64_t step) noexcept {
+  if (value > INT64_MAX - (step - 1)) return -1;
   return (value + step - 1) / step * step;
 }
 
@@ -44,6 +46,7 @@ ResultCode MemoryRecord::Resize(std::int64_t size, bool zero) noexcept {
       capacity = Capacity <= kDefaultCapacity ? kFirstGrowth : Capacity + Capacity / divisor;
       if (capacity < size) capacity = RoundUp(size, kPage);
     }
+    if (capacity < 0) return kErrOutOfMemory;
     void* grown = Buffer != nullptr ? MemTryRealloc(Buffer, static_cast<std::size_t>(capacity))
                                     : MemAlloc(static_cast<std::size_t>(capacity));
     if (grown == nullptr) return kErrOutOfMemory;
@@ -71,6 +74,7 @@ ResultCode MemoryStream::Open(std::int64_t initialSize, std::int64_t growth) noe
   std::int64_t capacity = initialSize;
   if (capacity == 0) capacity = growth > 0 ? growth : kDefaultCapacity;
   if (growth > 0) capacity = RoundUp(capacity, growth);
+  if (capacity < 0) return kErrOutOfMemory;
   auto* record = new (std::nothrow) MemoryRecord;
   if (record == nullptr) return kErrOutOfMemory;
   record->Buffer = static_cast<unsigned char*>(MemAlloc(static_cast<std::size_t>(capacity)));
@@ -97,24 +101,7 @@ std::uint32_t MemoryStream::GetAccess() const noexcept {
 
 ResultCode MemoryStream::Seek(int mode, std::int64_t offset) noexcept {
   if (record_ == nullptr) return kErrNotInitialized;
-  std::int64_t base = 0;
-  switch (mode) {
-    case kSeekBegin:
-      base = 0;
-      break;
-    case kSeekCurrent:
-      base = position_;
-      break;
-    case kSeekEnd:
-      base = record_->Size;
-      break;
-    default:
-      return kErrInvalidSeekMode;
-  }
-  const std::int64_t target = base + offset;
-  if (target < 0 || target > record_->Size) return kErrInvalidSeekPos;
-  position_ = target;
-  return kOk;
+  return SeekTarget(mode, offset, record_->Size, &position_);
 }
 
 ResultCode MemoryStream::Read(void* buffer, std::size_t count, std::size_t* done) noexcept {
@@ -122,6 +109,7 @@ ResultCode MemoryStream::Read(void* buffer, std::size_t count, std::size_t* done
   if (record_ == nullptr) return kErrNotInitialized;
   if (!(record_->Access & kAccessRead)) return kErrInvalidAccessMode;
   if (count == 0) return kOk;
+  if (buffer == nullptr) return kErrInvalidArgument;
   const std::int64_t available = record_->Size - position_;
   if (available <= 0) return kErrEndOfData;
   const auto n = static_cast<std::size_t>(std::min<std::int64_t>(
@@ -137,6 +125,7 @@ ResultCode MemoryStream::Write(const void* buffer, std::size_t count, std::size_
   if (record_ == nullptr) return kErrNotInitialized;
   if (!(record_->Access & kAccessWrite)) return kErrInvalidAccessMode;
   if (count == 0) return kOk;
+  if (buffer == nullptr || !FitsAfter(position_, count)) return kErrInvalidArgument;
   const std::int64_t end = position_ + static_cast<std::int64_t>(count);
   if (end > record_->Size) {
     // The copy below covers every new byte, so nothing needs zeroing first.

@@ -16,9 +16,29 @@ constexpr char16_t kPrefixFiller[] = u"mrw";
 
 }  // namespace
 
-ResultCode LastErrorCode() noexcept {
-  const DWORD error = platform::GetLastError();
-  return error == 0 ? kErrInitFailed : SystemErrorCode(error);
+ResultCode LastErrorCode() noexcept { return ErrorResult(platform::GetLastError()); }
+
+ResultCode SeekTarget(int mode, std::int64_t offset, std::int64_t size,
+                      std::int64_t* position) noexcept {
+  std::int64_t base = 0;
+  switch (mode) {
+    case kSeekBegin:
+      break;
+    case kSeekCurrent:
+      base = *position;
+      break;
+    case kSeekEnd:
+      base = size;
+      break;
+    default:
+      return kErrInvalidSeekMode;
+  }
+  std::int64_t target = 0;
+  if (__builtin_add_overflow(base, offset, &target) || target < 0 || target > size) {
+    return kErrInvalidSeekPos;
+  }
+  *position = target;
+  return kOk;
 }
 
 void* LayerObject::operator new(std::size_t size) {

@@ -65,6 +65,24 @@ struct FileIdentity {
 // The result code of the calling thread's last system error; 0xC202000F when there is none.
 [[nodiscard]] ResultCode LastErrorCode() noexcept;
 
+// Stands for a failed call that left no error number behind.
+inline constexpr DWORD kNoErrorNumber = 0xFFFFFFFFu;
+// The result code of a system error number, or of kNoErrorNumber.
+[[nodiscard]] constexpr ResultCode ErrorResult(DWORD error) noexcept {
+  return error == 0 || error == kNoErrorNumber ? kErrInitFailed : SystemErrorCode(error);
+}
+
+// Moves `position` by a seek of `mode` and `offset` within a stream of `size` bytes. Returns
+// kErrInvalidSeekMode for an unknown mode and kErrInvalidSeekPos for a target before the start,
+// past the end or beyond the range of a position; `position` then stays.
+[[nodiscard]] ResultCode SeekTarget(int mode, std::int64_t offset, std::int64_t size,
+                                    std::int64_t* position) noexcept;
+
+// Whether `count` more bytes from `position` stay within the largest stream size.
+[[nodiscard]] constexpr bool FitsAfter(std::int64_t position, std::size_t count) noexcept {
+  return position >= 0 && count <= static_cast<std::uint64_t>(INT64_MAX - position);
+}
+
 // Objects of this layer live on MemAlloc, whoever creates them with new.
 class LayerObject {
  public:

@@ -166,6 +166,8 @@ TEST_F(StreamFilesTest, SeekChecksModeAndBounds) {
       {kSeekCurrent, -41, kErrInvalidSeekPos, 40},
       {kSeekEnd, -1, kOk, 99},
       {kSeekEnd, 1, kErrInvalidSeekPos, 40},
+      {kSeekCurrent, INT64_MAX, kErrInvalidSeekPos, 40},  // would overflow the position
+      {kSeekEnd, INT64_MIN, kErrInvalidSeekPos, 40},
       {3, 0, kErrInvalidSeekMode, 40},
   };
   for (const Case& c : cases) {
@@ -501,6 +503,38 @@ TEST_F(NetworkFailureTest, OtherErrorsEndTheReadWithoutReopening) {
   EXPECT_EQ(ReadAll(&result), "");
   EXPECT_EQ(result, SystemErrorCode(ERROR_NETNAME_DELETED));
   EXPECT_EQ(gFault.reopens, 0);
+}
+
+TEST_F(NetworkFailureTest, FailureWithoutAnErrorNumberIsAnInitialisationFailure) {
+  gFault.failuresLeft = 1;
+  gFault.error = 0;
+  ResultCode result = -1;
+  EXPECT_EQ(ReadAll(&result), "");
+  EXPECT_EQ(static_cast<std::uint32_t>(result), 0xC202000Fu);
+}
+
+TEST_F(StreamFilesTest, ImpossibleTransfersAreRefusedBeforeTouchingMemory) {
+  DiskFileStream disk;
+  ASSERT_EQ(Open(disk, "bad", CREATE_ALWAYS), kOk);
+  MemoryStream memory;
+  ASSERT_EQ(memory.Open(0, 0), kOk);
+  char byte = 'x';
+  for (Stream* stream : {static_cast<Stream*>(&disk), static_cast<Stream*>(&memory)}) {
+    SCOPED_TRACE(stream->GetStreamKind());
+    std::size_t done = 7;
+    ASSERT_EQ(stream->Write(&byte, 1, &done), kOk);
+    EXPECT_EQ(stream->Write(nullptr, 10, &done), kErrInvalidArgument);
+    EXPECT_EQ(done, 0u);
+    EXPECT_EQ(stream->Write(&byte, SIZE_MAX, &done), kErrInvalidArgument);
+    EXPECT_EQ(stream->Write(&byte, static_cast<std::size_t>(INT64_MAX), &done),
+              kErrInvalidArgument);
+    ASSERT_EQ(stream->Seek(kSeekBegin, 0), kOk);
+    EXPECT_EQ(stream->Read(nullptr, 1, &done), kErrInvalidArgument);
+    EXPECT_EQ(stream->GetSize(), 1);
+    EXPECT_EQ(stream->GetPosition(), 0);
+  }
+  EXPECT_EQ(memory.SetSize(INT64_MAX), kErrOutOfMemory);
+  EXPECT_EQ(memory.GetSize(), 1);
 }
 
 TEST_F(NetworkFailureTest, PendingTransfersAreWaitedFor) {
