@@ -461,29 +461,39 @@ BOOL CloseHandle(HANDLE handle) noexcept {
   return TRUE;
 }
 
-BOOL ReadFile(HANDLE handle, void* buffer, DWORD count, DWORD* done,
+namespace {
+
+// One positioned or sequential transfer in either direction, looping over short transfers and
+// interruptions until `count` bytes moved, the end of the file was met, or an error came.
+BOOL Transfer(bool write, HANDLE handle, void* buffer, DWORD count, DWORD* done,
               OVERLAPPED* overlapped) noexcept {
   if (done != nullptr) *done = 0;
   FileObject* file = As<FileObject>(handle, HandleKind::kFile);
   if (file == nullptr) return Fail(ERROR_INVALID_HANDLE);
-  if (!(file->rights & GENERIC_READ)) return Fail(ERROR_ACCESS_DENIED);
+  if (!(file->rights & (write ? GENERIC_WRITE : GENERIC_READ))) return Fail(ERROR_ACCESS_DENIED);
   if (buffer == nullptr && count != 0) return Fail(ERROR_NOACCESS);
   if (overlapped != nullptr) SignalEvent(overlapped->hEvent, false);
   const std::int64_t offset = overlapped != nullptr ? OffsetOf(*overlapped) : 0;
   auto* bytes = static_cast<char*>(buffer);
   std::size_t total = 0;
   while (total < count) {
-    const ssize_t got = overlapped != nullptr
-                            ? pread(file->fd, bytes + total, count - total,
-                                    static_cast<off_t>(offset + static_cast<std::int64_t>(total)))
-                            : read(file->fd, bytes + total, count - total);
-    if (got < 0 && errno == EINTR) continue;
-    if (got < 0) {
+    const auto at = static_cast<off_t>(offset + static_cast<std::int64_t>(total));
+    const std::size_t left = count - total;
+    ssize_t moved = 0;
+    if (write) {
+      moved = overlapped != nullptr ? pwrite(file->fd, bytes + total, left, at)
+                                    : ::write(file->fd, bytes + total, left);
+    } else {
+      moved = overlapped != nullptr ? pread(file->fd, bytes + total, left, at)
+                                    : ::read(file->fd, bytes + total, left);
+    }
+    if (moved < 0 && errno == EINTR) continue;
+    if (moved < 0) {
       if (done != nullptr) *done = static_cast<DWORD>(total);
       return Fail(posix::WinErrorFromErrno(errno));
     }
-    if (got == 0) break;
-    total += static_cast<std::size_t>(got);
+    if (moved == 0) break;
+    total += static_cast<std::size_t>(moved);
   }
   if (done != nullptr) *done = static_cast<DWORD>(total);
   if (overlapped != nullptr) {
@@ -494,37 +504,17 @@ BOOL ReadFile(HANDLE handle, void* buffer, DWORD count, DWORD* done,
   return TRUE;
 }
 
+}  // namespace
+
+BOOL ReadFile(HANDLE handle, void* buffer, DWORD count, DWORD* done,
+              OVERLAPPED* overlapped) noexcept {
+  return Transfer(false, handle, buffer, count, done, overlapped);
+}
+
 BOOL WriteFile(HANDLE handle, const void* buffer, DWORD count, DWORD* done,
                OVERLAPPED* overlapped) noexcept {
-  if (done != nullptr) *done = 0;
-  FileObject* file = As<FileObject>(handle, HandleKind::kFile);
-  if (file == nullptr) return Fail(ERROR_INVALID_HANDLE);
-  if (!(file->rights & GENERIC_WRITE)) return Fail(ERROR_ACCESS_DENIED);
-  if (buffer == nullptr && count != 0) return Fail(ERROR_NOACCESS);
-  if (overlapped != nullptr) SignalEvent(overlapped->hEvent, false);
-  const std::int64_t offset = overlapped != nullptr ? OffsetOf(*overlapped) : 0;
-  const auto* bytes = static_cast<const char*>(buffer);
-  std::size_t total = 0;
-  while (total < count) {
-    const ssize_t put = overlapped != nullptr
-                            ? pwrite(file->fd, bytes + total, count - total,
-                                     static_cast<off_t>(offset + static_cast<std::int64_t>(total)))
-                            : write(file->fd, bytes + total, count - total);
-    if (put < 0 && errno == EINTR) continue;
-    if (put < 0) {
-      if (done != nullptr) *done = static_cast<DWORD>(total);
-      return Fail(posix::WinErrorFromErrno(errno));
-    }
-    if (put == 0) break;
-    total += static_cast<std::size_t>(put);
-  }
-  if (done != nullptr) *done = static_cast<DWORD>(total);
-  if (overlapped != nullptr) {
-    overlapped->Internal = 0;
-    overlapped->InternalHigh = total;
-    SignalEvent(overlapped->hEvent, true);
-  }
-  return TRUE;
+  // The transfer never stores into the buffer of a write.
+  return Transfer(true, handle, const_cast<void*>(buffer), count, done, overlapped);
 }
 
 BOOL GetOverlappedResult(HANDLE handle, OVERLAPPED* overlapped, DWORD* done, BOOL) noexcept {
