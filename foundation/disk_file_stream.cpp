@@ -394,6 +394,8 @@ ResultCode DiskFileStream::CopyFrom(Stream& source, int mode, std::int64_t offse
   if (done != nullptr) *done = 0;
   if (record_ == nullptr) return kErrNotInitialized;
   if (!(record_->Access & kAccessWrite)) return kErrInvalidAccessMode;
+  // Seeking the source would move this stream's own position.
+  if (&source == this) return kErrInvalidArgument;
   ResultCode result = source.Seek(mode, offset);
   if (Failed(result)) return result;
   unsigned char buffer[kCopyPiece];
@@ -481,6 +483,7 @@ bool DiskFileStream::IsSameFile(const Stream& other) const noexcept {
 }
 
 ResultCode DiskFileStream::GetFileIdentity(FileIdentity* result) const noexcept {
+  if (result == nullptr) return kErrInvalidArgument;
   if (record_ == nullptr || !record_->IsOpen()) return kErrNotInitialized;
   BY_HANDLE_FILE_INFORMATION info{};
   if (!platform::GetFileInformationByHandle(record_->Handle, &info)) return LastErrorCode();

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <iterator>
 #include <string_view>
 #include <utility>
 
@@ -36,7 +37,14 @@ class Sink {
   }
   void Put(char16_t unit) noexcept { Put(std::u16string_view(&unit, 1)); }
   void Repeat(char16_t unit, std::size_t count) noexcept {
-    for (std::size_t i = 0; i < count && ok_; ++i) Put(unit);
+    // Padding goes out in runs rather than unit by unit; wide fields stay cheap.
+    char16_t run[64];
+    for (char16_t& slot : run) slot = unit;
+    while (count > 0 && ok_) {
+      const std::size_t n = count < std::size(run) ? count : std::size(run);
+      Put(std::u16string_view(run, n));
+      count -= n;
+    }
   }
   [[nodiscard]] bool ok() const noexcept { return ok_; }
 
@@ -45,53 +53,46 @@ class Sink {
   bool ok_ = true;
 };
 
-// Places `body` (with an optional prefix such as a sign or "0x") in a field of its width.
-// Zero padding goes between the prefix and the body, as printf does.
-void PutField(Sink& sink, const FieldFormat& field, std::u16string_view prefix,
+// Places `body` (with an optional prefix such as a sign or "0x", and `zeros` leading zeros of the
+// precision) in a field of its width. Zero padding goes between the prefix and the body, as printf
+// does.
+void PutField(Sink& sink, const FieldFormat& field, std::u16string_view prefix, std::size_t zeros,
               std::u16string_view body, bool zeroAllowed) noexcept {
-  const std::size_t length = prefix.size() + body.size();
+  const std::size_t length = prefix.size() + zeros + body.size();
   const std::size_t width = field.width > 0 ? static_cast<std::size_t>(field.width) : 0;
   const std::size_t pad = width > length ? width - length : 0;
   if (field.left) {
     sink.Put(prefix);
+    sink.Repeat(u'0', zeros);
     sink.Put(body);
     sink.Repeat(u' ', pad);
   } else if (field.zero && zeroAllowed) {
     sink.Put(prefix);
-    sink.Repeat(u'0', pad);
+    sink.Repeat(u'0', pad + zeros);
     sink.Put(body);
   } else {
     sink.Repeat(u' ', pad);
     sink.Put(prefix);
+    sink.Repeat(u'0', zeros);
     sink.Put(body);
   }
 }
 
 void PutInteger(Sink& sink, const FieldFormat& field, std::uint64_t magnitude, bool negative,
                 bool isSigned, unsigned base, bool upper) noexcept {
-  // 64 bits in octal take 22 digits; a large precision adds leading zeros beyond that.
+  // 64 bits in octal take 22 digits; the zeros of a large precision are counted, not stored.
   char16_t digits[24];
   std::size_t count = 0;
   const char* alphabet = upper ? "0123456789ABCDEF" : "0123456789abcdef";
   for (std::uint64_t v = magnitude; v != 0; v /= base) {
-    digits[sizeof digits / sizeof digits[0] - 1 - count++] =
-        static_cast<char16_t>(alphabet[v % base]);
+    digits[std::size(digits) - 1 - count++] = static_cast<char16_t>(alphabet[v % base]);
   }
-  const std::u16string_view raw(digits + (sizeof digits / sizeof digits[0] - count), count);
+  const std::u16string_view raw(digits + (std::size(digits) - count), count);
 
-  WideString body;
   const std::size_t minimum = field.precision >= 0 ? static_cast<std::size_t>(field.precision) : 1;
-  bool octalZero = false;
-  for (std::size_t i = count; i < minimum; ++i) {
-    (void)body.Append(u'0');
-    octalZero = true;
-  }
-  (void)body.Append(raw);
-  if (base == 8 && field.alternate && !octalZero && (count == 0 || raw[0] != u'0')) {
-    WideString withZero(u"0");
-    (void)withZero.Append(body.view());
-    body = std::move(withZero);
-  }
+  std::size_t zeros = minimum > count ? minimum - count : 0;
+  // '#' with octal makes sure the text starts with a zero; raw digits never do.
+  if (base == 8 && field.alternate && zeros == 0) zeros = 1;
 
   char16_t prefix[2];
   std::size_t prefixLength = 0;
@@ -108,8 +109,7 @@ void PutInteger(Sink& sink, const FieldFormat& field, std::uint64_t magnitude, b
     prefix[prefixLength++] = upper ? u'X' : u'x';
   }
   // A precision switches zero padding off for integers, as in C.
-  PutField(sink, field, std::u16string_view(prefix, prefixLength), body.view(),
-           field.precision < 0);
+  PutField(sink, field, std::u16string_view(prefix, prefixLength), zeros, raw, field.precision < 0);
 }
 
 std::int64_t ReadSigned(const FieldFormat& field, std::va_list& args) noexcept {
@@ -154,7 +154,18 @@ void PutText(Sink& sink, const FieldFormat& field, std::u16string_view text) noe
   if (field.precision >= 0 && text.size() > static_cast<std::size_t>(field.precision)) {
     text = text.substr(0, static_cast<std::size_t>(field.precision));
   }
-  PutField(sink, field, {}, text, true);
+  PutField(sink, field, {}, 0, text, true);
+}
+
+// The length of a NUL-terminated text, reading no further than `limit` units: with a precision
+// the text need not be terminated, as in C.
+template <typename Unit>
+std::size_t BoundedLength(const Unit* text, int precision) noexcept {
+  const std::size_t limit =
+      precision >= 0 ? static_cast<std::size_t>(precision) : static_cast<std::size_t>(-1);
+  std::size_t n = 0;
+  while (n < limit && text[n] != 0) ++n;
+  return n;
 }
 
 // Floating point goes through the C library's narrow printf, whose digits are plain ASCII.
@@ -172,7 +183,8 @@ void PutFloating(Sink& sink, const FieldFormat& field, char conversion, double v
   format[n++] = '*';
   format[n++] = conversion;
   format[n] = 0;
-  const int precision = field.precision >= 0 ? field.precision : (conversion == 'a' ? -1 : 6);
+  const int precision =
+      field.precision >= 0 ? field.precision : (conversion == 'a' || conversion == 'A' ? -1 : 6);
   char small[64];
   const int needed = std::snprintf(small, sizeof small, format, field.width, precision, value);
   if (needed < 0) return;
@@ -185,7 +197,13 @@ void PutFloating(Sink& sink, const FieldFormat& field, char conversion, double v
                   field.width, precision, value);
     text = static_cast<const char*>(large);
   }
-  for (int i = 0; i < needed; ++i) sink.Put(static_cast<char16_t>(text[i]));
+  // Widened in runs, so that a number costs a few appends rather than one per digit.
+  char16_t run[64];
+  for (int i = 0; i < needed;) {
+    std::size_t filled = 0;
+    while (filled < std::size(run) && i < needed) run[filled++] = static_cast<char16_t>(text[i++]);
+    sink.Put(std::u16string_view(run, filled));
+  }
   MemFree(large);
 }
 
@@ -356,10 +374,7 @@ void FormatInto(Sink& sink, const char16_t* format, std::va_list& args) noexcept
           if (text == nullptr) {
             PutText(sink, field, u"(null)");
           } else {
-            std::string_view bytes(text);
-            if (field.precision >= 0 && bytes.size() > static_cast<std::size_t>(field.precision)) {
-              bytes = bytes.substr(0, static_cast<std::size_t>(field.precision));
-            }
+            const std::string_view bytes(text, BoundedLength(text, field.precision));
             try {
               const std::u16string wide = platform::Utf8ToUtf16(bytes);
               PutText(sink, field, wide);
@@ -369,7 +384,10 @@ void FormatInto(Sink& sink, const char16_t* format, std::va_list& args) noexcept
           }
         } else {
           const char16_t* text = va_arg(args, const char16_t*);
-          PutText(sink, field, text == nullptr ? u"(null)" : std::u16string_view(text));
+          PutText(sink, field,
+                  text == nullptr
+                      ? std::u16string_view(u"(null)")
+                      : std::u16string_view(text, BoundedLength(text, field.precision)));
         }
         break;
       }

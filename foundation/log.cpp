@@ -122,7 +122,9 @@ void GetErrorParts(ResultCode code, WideString& domainName, WideString& severity
   auto textOf = [code](int kind, WideString& out) {
     const std::size_t length = GetErrorText(code, kind, static_cast<char16_t*>(nullptr), 0);
     if (length == 0 || !out.Resize(length)) return;
-    out.SetLength(GetErrorText(code, kind, out.data(), length + 1));
+    // The registry may have changed between the two calls; keep only what was written.
+    const std::size_t written = GetErrorText(code, kind, out.data(), length + 1);
+    out.SetLength(written < length ? written : length);
   };
   if (GetErrorText(code, kErrorTextDomain, static_cast<char16_t*>(nullptr), 0) > 0) {
     domainName.Clear();

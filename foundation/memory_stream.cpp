@@ -114,7 +114,8 @@ ResultCode MemoryStream::Read(void* buffer, std::size_t count, std::size_t* done
   if (available <= 0) return kErrEndOfData;
   const auto n = static_cast<std::size_t>(std::min<std::int64_t>(
       available, static_cast<std::int64_t>(std::min<std::size_t>(count, INT64_MAX))));
-  std::memcpy(buffer, record_->Buffer + position_, n);
+  // A clone's CopyFrom reads from the buffer it writes to; the two ranges may overlap.
+  std::memmove(buffer, record_->Buffer + position_, n);
   position_ += static_cast<std::int64_t>(n);
   if (done != nullptr) *done = n;
   return kOk;
@@ -128,8 +129,9 @@ ResultCode MemoryStream::Write(const void* buffer, std::size_t count, std::size_
   if (buffer == nullptr || !FitsAfter(position_, count)) return kErrInvalidArgument;
   const std::int64_t end = position_ + static_cast<std::int64_t>(count);
   if (end > record_->Size) {
-    // The copy below covers every new byte, so nothing needs zeroing first.
-    const ResultCode grown = record_->Resize(end, false);
+    // The copy covers the new bytes from the position on. Only a position beyond the size, left
+    // behind when a clone shrank or closed the record, leaves a gap that must read as zeros.
+    const ResultCode grown = record_->Resize(end, position_ > record_->Size);
     if (Failed(grown)) return grown;
   }
   std::memcpy(record_->Buffer + position_, buffer, count);
@@ -144,19 +146,27 @@ ResultCode MemoryStream::CopyFrom(Stream& source, int mode, std::int64_t offset,
   if (record_ == nullptr) return kErrNotInitialized;
   if (!(record_->Access & kAccessWrite)) return kErrInvalidAccessMode;
   if (count <= 0) return kOk;
+  // Seeking the source would move this stream's own position.
+  if (&source == this) return kErrInvalidArgument;
   ResultCode result = source.Seek(mode, offset);
   if (Failed(result)) return result;
+  // The buffer grows by what the source holds, not by what was asked: a count of "everything"
+  // must not demand that much memory. At the source's end one byte lets the source answer.
+  const std::int64_t available = source.GetSize() - source.GetPosition();
+  count = std::min(count, std::max<std::int64_t>(available, 1));
+  if (!FitsAfter(position_, static_cast<std::size_t>(count))) return kErrInvalidArgument;
   const std::int64_t oldSize = record_->Size;
   const std::int64_t end = position_ + count;
   if (end > oldSize) {
-    result = record_->Resize(end, false);
+    result = record_->Resize(end, position_ > oldSize);
     if (Failed(result)) return result;
   }
   std::size_t got = 0;
   result = source.Read(record_->Buffer + position_, static_cast<std::size_t>(count), &got);
   const std::int64_t reached = position_ + static_cast<std::int64_t>(got);
   // What the source did not fill is no part of the stream.
-  if (record_->Size > std::max(oldSize, reached)) record_->Size = std::max(oldSize, reached);
+  const std::int64_t kept = got > 0 ? std::max(oldSize, reached) : oldSize;
+  if (record_->Size > kept) record_->Size = kept;
   position_ = reached;
   if (done != nullptr) *done = static_cast<std::int64_t>(got);
   return result;

@@ -487,6 +487,8 @@ bool FormatErrorMessage(ResultCode code, WideString& result, bool messageOnly) n
   }
   (void)result.Append(text.view());
   std::size_t length = result.Length();
+  // Empty only when memory ran out above; there is then no text to finish.
+  if (length == 0) return true;
   while (length > 1 && result[length - 1] <= 32) --length;
   result.SetLength(length);
   if (result[length - 1] != u'.') (void)result.Append(u'.');

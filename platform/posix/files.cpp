@@ -472,8 +472,13 @@ BOOL Transfer(bool write, HANDLE handle, void* buffer, DWORD count, DWORD* done,
   if (file == nullptr) return Fail(ERROR_INVALID_HANDLE);
   if (!(file->rights & (write ? GENERIC_WRITE : GENERIC_READ))) return Fail(ERROR_ACCESS_DENIED);
   if (buffer == nullptr && count != 0) return Fail(ERROR_NOACCESS);
-  if (overlapped != nullptr) SignalEvent(overlapped->hEvent, false);
   const std::int64_t offset = overlapped != nullptr ? OffsetOf(*overlapped) : 0;
+  // An offset whose transfer would pass the largest file position is refused before any
+  // arithmetic on it.
+  if (offset < 0 || static_cast<std::uint64_t>(offset) > INT64_MAX - std::uint64_t{count}) {
+    return Fail(ERROR_INVALID_PARAMETER);
+  }
+  if (overlapped != nullptr) SignalEvent(overlapped->hEvent, false);
   auto* bytes = static_cast<char*>(buffer);
   std::size_t total = 0;
   while (total < count) {

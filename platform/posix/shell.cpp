@@ -3,6 +3,7 @@
 // asked over D-Bus.
 #include "platform/shell.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <chrono>
@@ -217,12 +218,20 @@ bool RunCapture(const std::vector<std::string>& argv, std::string* output) {
     if (output != nullptr) output->append(buffer, static_cast<std::size_t>(n));
   }
   close(fds[0]);
-  if (timedOut) kill(pid, SIGKILL);
   int status = 0;
+  // A child may close its output and still run on; the deadline holds for its exit as well.
+  if (!timedOut) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        deadline - std::chrono::steady_clock::now());
+    if (WaitFor(pid, std::max(left, std::chrono::milliseconds(0)), &status)) {
+      return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    }
+  }
+  kill(pid, SIGKILL);
   while (waitpid(pid, &status, 0) < 0) {
     if (errno != EINTR) return false;
   }
-  return !timedOut && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+  return false;
 }
 
 // Hands `target` to the desktop opener and waits for its verdict.
@@ -333,6 +342,8 @@ int ShellExecuteCore(const char16_t* verb, const char16_t* file, const char16_t*
     const ShellFailure failure = FailureFromErrno(error);
     return Fail(failure.code, failure.error);
   }
+  // The opener must not take a name starting with '-' for one of its options.
+  if (path[0] == '-') path = "./" + path;
   if (S_ISDIR(st.st_mode)) return RunOpener(path);
   if (explore) return Fail(SE_ERR_NOASSOC, ERROR_NO_ASSOCIATION);
   if (S_ISREG(st.st_mode) && access(path.c_str(), X_OK) == 0) {
@@ -767,7 +778,8 @@ HRESULT PathCreateFromUrlW(const char16_t* url, char16_t* path, DWORD* pathLengt
       }
       const int high = i + 2 < rest.size() ? HexValue(rest[i + 1]) : -1;
       const int low = high >= 0 ? HexValue(rest[i + 2]) : -1;
-      if (low < 0) return E_INVALIDARG;
+      // An encoded NUL would end the path early and name another file than the address does.
+      if (low < 0 || (high == 0 && low == 0)) return E_INVALIDARG;
       decoded += static_cast<char>(high * 16 + low);
       i += 2;
     }
