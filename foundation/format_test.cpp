@@ -2,9 +2,13 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
+#include <cstring>
 #include <string>
 
 #include <gtest/gtest.h>
+
+#include "foundation/wide_string.h"
 
 namespace mrwl {
 namespace {
@@ -62,6 +66,30 @@ TEST(FormatText, AppendKeepsWhatStandsAndHandlesLongOutput) {
   const std::u16string formatted = Format(u"<%s>", longText.c_str());
   EXPECT_EQ(5002u, formatted.size());
   EXPECT_EQ(u'>', formatted.back());
+}
+
+TEST(FormatText, PrecisionBoundsTheTextRead) {
+  // Text with a precision need not be terminated; nothing past the precision may be read.
+  const char16_t wide[3] = {u'a', u'b', u'c'};
+  EXPECT_EQ(FormatText(u"%.2s|", wide).view(), u"ab|");
+  const char narrow[2] = {'x', 'y'};
+  EXPECT_EQ(FormatText(u"%.1hs|", narrow).view(), u"x|");
+}
+
+TEST(FormatText, IntegerFlagsMatchTheCRuntime) {
+  struct Case {
+    const char* format;
+    int value;
+  } const cases[] = {{"%#o", 0},   {"%#o", 8},      {"%#.0o", 0}, {"%.0d", 0},
+                     {"%08.3d", -5}, {"%#10.4o", 8}, {"%.70u", 7}, {"%-6x|", 255},
+                     {"%+d", 3},  {"% d", 3},       {"%#X", 255}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.format);
+    char expected[128];
+    std::snprintf(expected, sizeof expected, c.format, c.value);
+    const std::u16string format(c.format, c.format + std::strlen(c.format));
+    EXPECT_EQ(WideToUtf8(FormatText(format.c_str(), c.value)), expected);
+  }
 }
 
 }  // namespace

@@ -681,6 +681,58 @@ TEST(MemoryStream, SharedStreamWorksThroughTheRecordItAttachesTo) {
   EXPECT_EQ(shared.GetSize(), 7);
 }
 
+TEST(MemoryStream, CopyFromAClonesOwnBufferMayOverlap) {
+  MemoryStream a;
+  ASSERT_EQ(a.Open(0, 0), kOk);
+  std::size_t done = 0;
+  ASSERT_EQ(a.Write("abcdefghijklmnop", 16, &done), kOk);
+  ResultCode error = -1;
+  StreamPtr b = a.Clone(&error);
+  ASSERT_NE(b, nullptr);
+  ASSERT_EQ(a.Seek(kSeekBegin, 4), kOk);
+  std::int64_t copied = 0;
+  ASSERT_EQ(a.CopyFrom(*b, kSeekBegin, 0, 12, &copied), kOk);
+  EXPECT_EQ(copied, 12);
+  EXPECT_EQ(std::string(static_cast<const char*>(a.GetData()), 16), "abcdabcdefghijkl");
+  // Seeking the source would move the destination's own position.
+  EXPECT_EQ(a.CopyFrom(a, kSeekBegin, 0, 1, &copied), kErrInvalidArgument);
+}
+
+TEST(MemoryStream, CopyFromTakesOnlyWhatTheSourceHolds) {
+  MemoryStream source, target;
+  ASSERT_EQ(source.Open(0, 0), kOk);
+  ASSERT_EQ(target.Open(0, 0), kOk);
+  std::size_t done = 0;
+  ASSERT_EQ(source.Write("abc", 3, &done), kOk);
+  std::int64_t copied = 0;
+  ASSERT_EQ(target.CopyFrom(source, kSeekBegin, 0, INT64_MAX, &copied), kOk);
+  EXPECT_EQ(copied, 3);
+  EXPECT_EQ(target.GetSize(), 3);
+  EXPECT_EQ(target.CopyFrom(source, kSeekEnd, 0, 5, &copied), kErrEndOfData);
+  EXPECT_EQ(target.GetSize(), 3);
+}
+
+TEST(MemoryStream, WriteBeyondASizeAClonesCloseDroppedReadsZeros) {
+  MemoryStream a;
+  ASSERT_EQ(a.Open(0, 0), kOk);
+  std::size_t done = 0;
+  ASSERT_EQ(a.Write(std::string(100, 'x').data(), 100, &done), kOk);
+  ResultCode error = -1;
+  StreamPtr b = a.Clone(&error);
+  ASSERT_NE(b, nullptr);
+  ASSERT_EQ(b->SetSize(0), kOk);  // the shared record shrinks under a's position
+  ASSERT_EQ(a.Write("y", 1, &done), kOk);
+  ASSERT_EQ(a.GetSize(), 101);
+  const std::string data(static_cast<const char*>(a.GetData()), 101);
+  EXPECT_EQ(data, std::string(100, '\0') + "y");
+}
+
+TEST_F(StreamFilesTest, FileIdentityWithoutAResultIsAnInvalidArgument) {
+  DiskFileStream stream;
+  ASSERT_EQ(Open(stream, "id", CREATE_ALWAYS), kOk);
+  EXPECT_EQ(stream.GetFileIdentity(nullptr), kErrInvalidArgument);
+}
+
 // --- Temporary names ---------------------------------------------------------------------------
 
 class TempNameTest : public StreamFilesTest {

@@ -225,6 +225,21 @@ TEST_F(FilesTest, OverlappedTransfersUseTheirOffsetAndLeaveThePosition) {
   EXPECT_EQ(done, 0u);
 }
 
+TEST_F(FilesTest, OffsetsPastTheLargestPositionAreRefused) {
+  UniqueFile file = Open("big", GENERIC_READ | GENERIC_WRITE, 0, CREATE_NEW);
+  ASSERT_TRUE(file);
+  OVERLAPPED at{};
+  at.u.s.Offset = 0xFFFFFFFFu;
+  at.u.s.OffsetHigh = 0x7FFFFFFFu;
+  char buffer[16] = {};
+  DWORD done = 5;
+  EXPECT_FALSE(ReadFile(file.get(), buffer, sizeof(buffer), &done, &at));
+  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+  EXPECT_EQ(done, 0u);
+  EXPECT_FALSE(WriteFile(file.get(), buffer, sizeof(buffer), &done, &at));
+  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+}
+
 TEST_F(FilesTest, PointerEndOfFileAndSizeAgree) {
   UniqueFile file = Open("s", GENERIC_READ | GENERIC_WRITE, 0, CREATE_NEW);
   LARGE_INTEGER to{}, size{};

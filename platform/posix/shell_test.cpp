@@ -320,6 +320,8 @@ TEST(PathCreateFromUrlW, DecodesLocalFileUrls) {
       {u"file:///tmp/%zz", E_INVALIDARG, u""},
       {u"file:///tmp/%4", E_INVALIDARG, u""},
       {u"http://example.org/", E_INVALIDARG, u""},
+      // An encoded NUL would cut the name short and open another file than the one named.
+      {u"file:///etc/passwd%00.pdf", E_INVALIDARG, u""},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(posix::ToUtf8(c.url));
