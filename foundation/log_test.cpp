@@ -1,10 +1,5 @@
 #include "foundation/log.h"
 
-#include <chrono>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <regex>
 #include <string>
 
@@ -12,49 +7,17 @@
 
 #include "foundation/wide_string.h"
 #include "platform/kernel.h"
+#include "testing/temp_folder.h"
 
 namespace mrwl {
 namespace {
-
-namespace fs = std::filesystem;
 
 // Turns the trace to standard error on for the fixture's lifetime, so a test can read what the
 // debugger would see, and gives each test its own folder for debug files.
 class DebugTrace : public ::testing::Test {
  protected:
-  void SetUp() override {
-    folder_ = fs::temp_directory_path() /
-              ("mrwl-log-test-" +
-               std::to_string(std::chrono::steady_clock::now().time_since_epoch().count()));
-    fs::create_directories(folder_);
-    SetTrace(true);
-  }
-  void TearDown() override {
-    CloseDebugFile();
-    SetTrace(false);
-    std::error_code ignored;
-    fs::remove_all(folder_, ignored);
-  }
+  void TearDown() override { CloseDebugFile(); }
 
-  static void SetTrace(bool on) {
-#if defined(_WIN32)
-    _putenv_s("MRWL_TRACE", on ? "1" : "");
-#else
-    if (on) {
-      setenv("MRWL_TRACE", "1", 1);
-    } else {
-      unsetenv("MRWL_TRACE");
-    }
-#endif
-  }
-
-  std::u16string PathOf(const char* name) const {
-    return std::u16string(Utf8ToWide((folder_ / name).string()).view());
-  }
-  static std::string ReadFile(const std::u16string& path) {
-    std::ifstream in(WideToUtf8(path), std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-  }
   // Standard error while `action` runs: the debugger's view of the trace.
   template <typename F>
   static std::string DebuggerSees(F action) {
@@ -63,21 +26,22 @@ class DebugTrace : public ::testing::Test {
     return ::testing::internal::GetCapturedStderr();
   }
 
-  fs::path folder_;
+  testing::TempFolder folder_;
+  testing::ScopedEnv trace_{"MRWL_TRACE", "1"};
 };
 
 #if !defined(_WIN32)  // On Windows the trace goes to a debugger, not to standard error.
 
 TEST_F(DebugTrace, OpenWritesStampedLinesAndEmptiesTheFile) {
-  const std::u16string path = PathOf("trace.txt");
-  std::ofstream(WideToUtf8(path)) << "left over from before\n";
+  const std::u16string path = folder_.WidePathOf("trace.txt");
+  folder_.Write("trace.txt", "left over from before\n");
 
   EXPECT_EQ("OLaddin:OpenDebugFile:DebugFile.txt opened",
             DebuggerSees([&] { OpenDebugFile(path.c_str()); }));
   EXPECT_EQ("OLaddin: item 7 of \xC3\xA9t\xC3\xA9\n",
             DebuggerSees([] { DebugPrint(u"item %d of %s\n", 7, u"\u00e9t\u00e9"); }));
   // Written at once: visible before the file is closed.
-  const std::string written = ReadFile(path);
+  const std::string written = folder_.Read("trace.txt");
   EXPECT_EQ("OLaddin:OpenDebugFile:DebugFile.txt closed", DebuggerSees([] { CloseDebugFile(); }));
 
   std::smatch parts;
@@ -96,14 +60,14 @@ TEST_F(DebugTrace, OpenWritesStampedLinesAndEmptiesTheFile) {
 }
 
 TEST_F(DebugTrace, WithoutAFileLinesReachOnlyTheDebugger) {
-  const std::u16string path = PathOf("closed.txt");
+  const std::u16string path = folder_.WidePathOf("closed.txt");
   (void)DebuggerSees([&] {
     OpenDebugFile(path.c_str());
     DebugPrint(u"first");
     CloseDebugFile();
   });
   EXPECT_EQ("OLaddin: second", DebuggerSees([] { DebugPrint(u"second"); }));
-  const std::string written = ReadFile(path);
+  const std::string written = folder_.Read("closed.txt");
   EXPECT_NE(std::string::npos, written.find("OLaddin: first"));
   EXPECT_EQ(std::string::npos, written.find("second"));
   // Closing again says nothing.
@@ -111,7 +75,7 @@ TEST_F(DebugTrace, WithoutAFileLinesReachOnlyTheDebugger) {
 }
 
 TEST_F(DebugTrace, OpenFailureAndMissingPath) {
-  const std::u16string path = PathOf("no-such-folder/trace.txt");
+  const std::u16string path = folder_.WidePathOf("no-such-folder/trace.txt");
   EXPECT_EQ("ERROR - Unable to open debug file\n",
             DebuggerSees([&] { OpenDebugFile(path.c_str()); }));
   EXPECT_EQ("OLaddin: still traced", DebuggerSees([] { DebugPrint(u"still traced"); }));

@@ -1,14 +1,14 @@
 #include "foundation/paths.h"
 
 #include <chrono>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
+
+#include "testing/temp_folder.h"
 
 namespace mrwl {
 namespace {
@@ -19,98 +19,32 @@ using Lines = std::vector<std::string>;
 std::string Narrow(std::u16string_view text) { return WideToUtf8(text); }
 std::u16string Wide(const std::string& text) { return std::u16string(Utf8ToWide(text).view()); }
 
-void SetEnv(const char* name, const std::string& value) {
-#if defined(_WIN32)
-  _putenv_s(name, value.c_str());
-#else
-  setenv(name, value.c_str(), 1);
-#endif
-}
-
 // A scratch folder, the environment the shell helpers read, and scripts that stand in for the
 // desktop opener, the association tool and applications, recording what they were given.
 class PathsTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    dir_ = fs::temp_directory_path() /
-           ("mrwl-paths-" +
-            std::to_string(std::chrono::steady_clock::now().time_since_epoch().count()));
-    fs::create_directories(dir_);
-    for (const char* name : {"MRWL_OPENER", "MRWL_XDG_MIME", "XDG_DATA_HOME", "PATH", "TMPDIR"}) {
-      const char* value = std::getenv(name);
-      saved_.push_back({name, value != nullptr, value != nullptr ? value : ""});
-    }
-  }
-  void TearDown() override {
-    for (const Saved& s : saved_) {
-#if !defined(_WIN32)
-      if (!s.present) {
-        unsetenv(s.name.c_str());
-        continue;
-      }
-#endif
-      SetEnv(s.name.c_str(), s.value);
-    }
-    std::error_code ignored;
-    fs::remove_all(dir_, ignored);
-  }
-
-  std::string Path(const std::string& name) const { return (dir_ / name).string(); }
-
-  std::string WriteFile(const std::string& name, const std::string& text, bool executable) {
-    const std::string path = Path(name);
-    fs::create_directories(fs::path(path).parent_path());
-    std::ofstream(path) << text;
-    if (executable) {
-      fs::permissions(path, fs::perms::owner_all, fs::perm_options::add);
-    }
-    return path;
-  }
-
   std::string WriteRecorder(const std::string& name, const std::string& record, int status = 0) {
-    return WriteFile(name,
-                     "#!/bin/sh\nprintf '%s\\n' \"$@\" > '" + record + ".part'\nmv '" + record +
-                         ".part' '" + record + "'\nexit " + std::to_string(status) + "\n",
-                     true);
+    return temp_.Write(name, testing::RecorderScript(record, status), true);
   }
 
   // An opener that records what it was asked to open, or fails as if nothing could open it.
   void UseOpener(int status = 0) {
-    SetEnv("MRWL_OPENER", WriteRecorder("opener.sh", Path("opened.txt"), status));
+    opener_.Set(WriteRecorder("opener.sh", temp_.PathOf("opened.txt"), status));
   }
   // Makes `script` the default application for "http".
   void UseDefaultBrowser(const std::string& script) {
-    SetEnv("MRWL_XDG_MIME",
-           WriteFile("xdg-mime",
-                     "#!/bin/sh\n[ \"$3\" = x-scheme-handler/http ] && echo fake.desktop\n", true));
-    SetEnv("XDG_DATA_HOME", dir_.string());
-    WriteFile("applications/fake.desktop", "[Desktop Entry]\nExec=" + script + " %u\n", false);
+    xdgMime_.Set(temp_.Write(
+        "xdg-mime", "#!/bin/sh\n[ \"$3\" = x-scheme-handler/http ] && echo fake.desktop\n", true));
+    dataHome_.Set(temp_.path().string());
+    temp_.Write("applications/fake.desktop", "[Desktop Entry]\nExec=" + script + " %u\n");
   }
 
-  Lines WaitForRecord(const std::string& record) {
-    for (int i = 0; i < 500; ++i) {
-      std::ifstream in(record);
-      if (in) {
-        Lines lines;
-        std::string line;
-        while (std::getline(in, line)) lines.push_back(line);
-        return lines;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    ADD_FAILURE() << "no record at " << record;
-    return {};
-  }
-
-  fs::path dir_;
-
- private:
-  struct Saved {
-    std::string name;
-    bool present;
-    std::string value;
-  };
-  std::vector<Saved> saved_;
+  testing::TempFolder temp_;
+  testing::ScopedEnv opener_{"MRWL_OPENER"};
+  testing::ScopedEnv xdgMime_{"MRWL_XDG_MIME"};
+  testing::ScopedEnv dataHome_{"XDG_DATA_HOME"};
+  testing::ScopedEnv path_{"PATH"};
+  testing::ScopedEnv tmpdir_{"TMPDIR"};
 };
 
 // --- Path text ---
@@ -240,15 +174,15 @@ TEST(CombinePath, RefusesResultsBeyondTheBuffer) {
 }
 
 TEST_F(PathsTest, PathExistsFindsFilesAndFolders) {
-  WriteFile("present.txt", "data", false);
+  temp_.Write("present.txt", "data");
   platform::FindDataW data{};
-  EXPECT_TRUE(PathExists(Wide(Path("present.txt")).c_str(), &data));
+  EXPECT_TRUE(PathExists(Wide(temp_.PathOf("present.txt")).c_str(), &data));
   EXPECT_EQ(std::u16string(data.cFileName), u"present.txt");
   EXPECT_EQ(data.nFileSizeLow, 4u);
-  EXPECT_TRUE(PathExists(Wide(dir_.string()).c_str()));
-  EXPECT_TRUE(PathExists(Wide(dir_.string() + "/").c_str()));
+  EXPECT_TRUE(PathExists(Wide(temp_.path().string()).c_str()));
+  EXPECT_TRUE(PathExists(Wide(temp_.path().string() + "/").c_str()));
   EXPECT_TRUE(PathExists(u"/"));
-  EXPECT_FALSE(PathExists(Wide(Path("absent.txt")).c_str()));
+  EXPECT_FALSE(PathExists(Wide(temp_.PathOf("absent.txt")).c_str()));
   EXPECT_FALSE(PathExists(nullptr));
 }
 
@@ -256,14 +190,14 @@ TEST_F(PathsTest, ForbiddenCharactersAreRefusedBeforeTheDisk) {
   // Each of these names exists on this file system; only the scan can answer false for them.
   for (const char* name : {"star*", "ask?", "less<", "more>", "pipe|", "quote\"", "co:lon"}) {
     SCOPED_TRACE(name);
-    WriteFile(name, "x", false);
-    ASSERT_TRUE(fs::exists(Path(name)));
-    EXPECT_FALSE(PathExists(Wide(Path(name)).c_str()));
+    temp_.Write(name, "x");
+    ASSERT_TRUE(fs::exists(temp_.PathOf(name)));
+    EXPECT_FALSE(PathExists(Wide(temp_.PathOf(name)).c_str()));
   }
   // A colon before a separator or at the end passes the scan.
-  fs::create_directories(Path("ok:"));
-  EXPECT_TRUE(PathExists(Wide(Path("ok:")).c_str()));
-  EXPECT_TRUE(PathExists(Wide(Path("ok:") + "/").c_str()));
+  fs::create_directories(temp_.PathOf("ok:"));
+  EXPECT_TRUE(PathExists(Wide(temp_.PathOf("ok:")).c_str()));
+  EXPECT_TRUE(PathExists(Wide(temp_.PathOf("ok:") + "/").c_str()));
 }
 
 // --- Locations ---
@@ -283,7 +217,7 @@ TEST(KnownSchemes, HoldsSixtyFourSortedNames) {
 }
 
 TEST_F(PathsTest, ClassifyLocationCoversEveryBranch) {
-  const std::string file = WriteFile("page one.html", "<p>", false);
+  const std::string file = temp_.Write("page one.html", "<p>");
   struct Case {
     std::u16string text;
     LocationKind kind;
@@ -292,7 +226,8 @@ TEST_F(PathsTest, ClassifyLocationCoversEveryBranch) {
   const Case cases[] = {
       {u"", LocationKind::kNothing, u""},
       {Wide(file), LocationKind::kFileSystem, u""},
-      {u"file://" + Wide(dir_.string()) + u"/page%20one.html", LocationKind::kFileSystem, u""},
+      {u"file://" + Wide(temp_.path().string()) + u"/page%20one.html", LocationKind::kFileSystem,
+       u""},
       {u"./relative/x", LocationKind::kRelativePath, u""},
       {u"..\\up", LocationKind::kRelativePath, u""},
       {u"/no/such/place/mrwl", LocationKind::kNothing, u""},
@@ -341,68 +276,68 @@ TEST_F(PathsTest, BareMailAddressOpensAsMailLink) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.opened);
-    fs::remove(Path("opened.txt"));
+    fs::remove(temp_.PathOf("opened.txt"));
     EXPECT_TRUE(OpenLocation(c.target, false));
-    EXPECT_EQ(WaitForRecord(Path("opened.txt")), Lines{c.opened});
+    EXPECT_EQ(testing::WaitForLines(temp_.PathOf("opened.txt")), Lines{c.opened});
   }
   EXPECT_FALSE(OpenLocation(u"", false));
 }
 
 TEST_F(PathsTest, SlashBeforeTheAtSignIsNoMailAddress) {
   UseOpener();
-  const std::string document = WriteFile("mail@home/note.txt", "x", false);
+  const std::string document = temp_.Write("mail@home/note.txt", "x");
   EXPECT_TRUE(OpenLocation(Wide(document), false));
-  EXPECT_EQ(WaitForRecord(Path("opened.txt")), Lines{document});
+  EXPECT_EQ(testing::WaitForLines(temp_.PathOf("opened.txt")), Lines{document});
 }
 
 TEST_F(PathsTest, FileUrlWithFragmentFallsBackToTheDefaultBrowser) {
   UseOpener(4);
-  UseDefaultBrowser(WriteRecorder("browser.sh", Path("browsed.txt")));
+  UseDefaultBrowser(WriteRecorder("browser.sh", temp_.PathOf("browsed.txt")));
   EXPECT_TRUE(OpenLocation(u"file:///tmp/with space/page.html#part \u00e9", false));
-  EXPECT_EQ(WaitForRecord(Path("browsed.txt")),
+  EXPECT_EQ(testing::WaitForLines(temp_.PathOf("browsed.txt")),
             Lines{"file:///tmp/with%20space/page.html#part%20%C3%A9"});
-  EXPECT_EQ(WaitForRecord(Path("opened.txt")),
+  EXPECT_EQ(testing::WaitForLines(temp_.PathOf("opened.txt")),
             Lines{"file:///tmp/with space/page.html#part \xc3\xa9"});
 }
 
 TEST_F(PathsTest, FailedOpenWithoutFragmentStaysFailed) {
   UseOpener(4);
-  UseDefaultBrowser(WriteRecorder("browser.sh", Path("browsed.txt")));
+  UseDefaultBrowser(WriteRecorder("browser.sh", temp_.PathOf("browsed.txt")));
   EXPECT_FALSE(OpenLocation(u"file:///tmp/page.html", false));
   EXPECT_FALSE(OpenLocation(u"file:///tmp/page.html#", false));
   EXPECT_FALSE(OpenLocation(u"https://example.org/#top", false));
   std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  EXPECT_FALSE(fs::exists(Path("browsed.txt")));
+  EXPECT_FALSE(fs::exists(temp_.PathOf("browsed.txt")));
 }
 
 TEST_F(PathsTest, BrowserRequestFallsBackToTheShell) {
   // No program of the browser's name exists here, so the plain open takes over.
   UseOpener();
   EXPECT_TRUE(OpenLocation(u"https://example.org/", true));
-  EXPECT_EQ(WaitForRecord(Path("opened.txt")), Lines{"https://example.org/"});
+  EXPECT_EQ(testing::WaitForLines(temp_.PathOf("opened.txt")), Lines{"https://example.org/"});
 }
 
 TEST_F(PathsTest, ShowInFolderSelectsThroughTheFileManager) {
-  WriteRecorder("bin/gdbus", Path("dbus.txt"));
-  SetEnv("PATH", Path("bin") + ":/usr/bin:/bin");
-  WriteFile("docs/a.pdf", "x", false);
+  WriteRecorder("bin/gdbus", temp_.PathOf("dbus.txt"));
+  path_.Set(temp_.PathOf("bin") + ":/usr/bin:/bin");
+  temp_.Write("docs/a.pdf", "x");
   const std::u16string_view selection[] = {u"a.pdf"};
-  EXPECT_EQ(ShowInFolder(u" \t\r\n" + Wide(Path("docs")), selection, 0), S_OK);
-  const Lines args = WaitForRecord(Path("dbus.txt"));
+  EXPECT_EQ(ShowInFolder(u" \t\r\n" + Wide(temp_.PathOf("docs")), selection, 0), S_OK);
+  const Lines args = testing::WaitForLines(temp_.PathOf("dbus.txt"));
   ASSERT_EQ(args.size(), 12u);
-  EXPECT_EQ(args[10], "['file://" + Path("docs") + "/a.pdf']");
+  EXPECT_EQ(args[10], "['file://" + temp_.PathOf("docs") + "/a.pdf']");
 }
 
 TEST_F(PathsTest, ShowInFolderTakesTheFolderOfTheFirstItem) {
-  WriteFile("bin/gdbus", "#!/bin/sh\nexit 1\n", true);
-  SetEnv("PATH", Path("bin") + ":/usr/bin:/bin");
+  temp_.Write("bin/gdbus", "#!/bin/sh\nexit 1\n", true);
+  path_.Set(temp_.PathOf("bin") + ":/usr/bin:/bin");
   UseOpener();
-  const std::string item = WriteFile("docs/b.pdf", "x", false);
+  const std::string item = temp_.Write("docs/b.pdf", "x");
   const std::u16string itemText = Wide(item);
   const std::u16string_view views[] = {itemText};
   // The file manager refuses, so the folder is opened as it is.
   EXPECT_EQ(ShowInFolder(u"", views, 0), S_OK);
-  EXPECT_EQ(WaitForRecord(Path("opened.txt")), Lines{Path("docs") + "/"});
+  EXPECT_EQ(testing::WaitForLines(temp_.PathOf("opened.txt")), Lines{temp_.PathOf("docs") + "/"});
 }
 
 TEST_F(PathsTest, ShowInFolderRefusesWhatItCannotShow) {
@@ -416,11 +351,11 @@ TEST_F(PathsTest, ShowInFolderRefusesWhatItCannotShow) {
   EXPECT_EQ(ShowInFolder(u"https://host/pub", {}, 0), E_FAIL);
   UseOpener();
   EXPECT_EQ(ShowInFolder(u"https://host/pub", {}, 0), S_OK);
-  EXPECT_EQ(WaitForRecord(Path("opened.txt")), Lines{"https://host/pub"});
+  EXPECT_EQ(testing::WaitForLines(temp_.PathOf("opened.txt")), Lines{"https://host/pub"});
 }
 
 TEST_F(PathsTest, DefaultCommandNamesTheProgram) {
-  const std::string browser = WriteRecorder("browser.sh", Path("never"));
+  const std::string browser = WriteRecorder("browser.sh", temp_.PathOf("never"));
   UseDefaultBrowser(browser);
   WideString program;
   EXPECT_TRUE(GetDefaultCommand(u"http", program));
@@ -432,24 +367,24 @@ TEST_F(PathsTest, DefaultCommandNamesTheProgram) {
 // --- Temporary folder ---
 
 TEST_F(PathsTest, TempFolderEndsInTheSeparator) {
-  SetEnv("TMPDIR", dir_.string());
+  tmpdir_.Set(temp_.path().string());
   WideString folder;
   ASSERT_TRUE(GetTempFolder(folder));
-  EXPECT_EQ(Narrow(folder.view()), dir_.string() + "/");
-  SetEnv("TMPDIR", dir_.string() + "/");
+  EXPECT_EQ(Narrow(folder.view()), temp_.path().string() + "/");
+  tmpdir_.Set(temp_.path().string() + "/");
   ASSERT_TRUE(GetTempFolder(folder));
-  EXPECT_EQ(Narrow(folder.view()), dir_.string() + "/");
+  EXPECT_EQ(Narrow(folder.view()), temp_.path().string() + "/");
 }
 
 TEST_F(PathsTest, LowIntegrityFolderLiesBelowLocalData) {
-  SetEnv("XDG_DATA_HOME", "/srv/data");
+  dataHome_.Set("/srv/data");
   WideString folder;
   ASSERT_TRUE(internal::GetTempFolderAt(true, folder));
   EXPECT_EQ(folder.view(), u"/srv/data/Temp/Low/");
   // From 249 units on the folder would outgrow the classic limit and is not offered.
-  SetEnv("XDG_DATA_HOME", "/" + std::string(247, 'd'));
+  dataHome_.Set("/" + std::string(247, 'd'));
   EXPECT_TRUE(internal::GetTempFolderAt(true, folder));
-  SetEnv("XDG_DATA_HOME", "/" + std::string(248, 'd'));
+  dataHome_.Set("/" + std::string(248, 'd'));
   EXPECT_FALSE(internal::GetTempFolderAt(true, folder));
   EXPECT_TRUE(folder.IsEmpty());
 }
@@ -463,17 +398,17 @@ bool FailingHook(WideString& result, TempFolderFunction) noexcept {
 }
 
 TEST_F(PathsTest, TempFolderHookMayWrapTheBuiltIn) {
-  SetEnv("TMPDIR", dir_.string());
+  tmpdir_.Set(temp_.path().string());
   WideString folder;
   EXPECT_EQ(SetTempFolderHook(&SubfolderHook), nullptr);
   ASSERT_TRUE(GetTempFolder(folder));
-  EXPECT_EQ(Narrow(folder.view()), dir_.string() + "/hooked/");
+  EXPECT_EQ(Narrow(folder.view()), temp_.path().string() + "/hooked/");
   EXPECT_EQ(SetTempFolderHook(&FailingHook), &SubfolderHook);
   EXPECT_FALSE(GetTempFolder(folder));
   EXPECT_TRUE(folder.IsEmpty());
   EXPECT_EQ(SetTempFolderHook(nullptr), &FailingHook);
   ASSERT_TRUE(GetTempFolder(folder));
-  EXPECT_EQ(Narrow(folder.view()), dir_.string() + "/");
+  EXPECT_EQ(Narrow(folder.view()), temp_.path().string() + "/");
 }
 
 TEST(IsRunningOnWine, AnswersTheSameEveryTime) {

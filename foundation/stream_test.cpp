@@ -1,12 +1,9 @@
 #include "foundation/stream.h"
 
-#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <functional>
-#include <iterator>
 #include <random>
 #include <string>
 #include <thread>
@@ -17,6 +14,7 @@
 #include "foundation/paths.h"
 #include "platform/kernel.h"
 #include "platform/unique_any.h"
+#include "testing/temp_folder.h"
 
 namespace mrwl {
 namespace {
@@ -36,28 +34,7 @@ std::string Pattern(std::size_t size, unsigned seed) {
 
 class StreamFilesTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    static std::atomic<int> counter{0};
-    dir_ = fs::temp_directory_path() /
-           ("mrwl-stream-" + std::to_string(platform::GetCurrentProcessId()) + "-" +
-            std::to_string(counter++));
-    fs::remove_all(dir_);
-    fs::create_directories(dir_);
-  }
-  void TearDown() override {
-    std::error_code ignored;
-    fs::remove_all(dir_, ignored);
-  }
-
-  WideString PathOf(const std::string& name) const { return Utf8ToWide((dir_ / name).string()); }
-  void MakeFile(const std::string& name, const std::string& content) const {
-    std::ofstream(dir_ / name, std::ios::binary) << content;
-  }
-  std::string Contents(const std::string& name) const {
-    std::ifstream in(dir_ / name, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-  }
-  bool Exists(const std::string& name) const { return fs::exists(dir_ / name); }
+  WideString PathOf(const std::string& name) const { return Utf8ToWide(temp_.PathOf(name)); }
   ResultCode Open(DiskFileStream& stream, const std::string& name, DWORD disposition,
                   std::uint32_t access = kReadWrite, DWORD share = FILE_SHARE_READ) const {
     return stream.Open(PathOf(name), disposition, access, share, FILE_ATTRIBUTE_NORMAL);
@@ -79,13 +56,13 @@ class StreamFilesTest : public ::testing::Test {
     return result;
   }
 
-  fs::path dir_;
+  testing::TempFolder temp_;
 };
 
 // --- Reading, writing and sizes of disk streams ------------------------------------------------
 
 TEST_F(StreamFilesTest, ReadStopsShortAcrossTheEndAndFailsAtIt) {
-  MakeFile("f", "0123456789");
+  temp_.Write("f", "0123456789");
   DiskFileStream stream;
   ASSERT_EQ(Open(stream, "f", OPEN_EXISTING, kAccessRead), kOk);
   EXPECT_EQ(stream.GetSize(), 10);
@@ -108,7 +85,7 @@ TEST_F(StreamFilesTest, ReadStopsShortAcrossTheEndAndFailsAtIt) {
 }
 
 TEST_F(StreamFilesTest, AccessAndRecordRulesGiveTheirCodes) {
-  MakeFile("f", "abc");
+  temp_.Write("f", "abc");
   DiskFileStream none;
   EXPECT_EQ(Open(none, "f", OPEN_EXISTING, 0), kErrInvalidAccessMode);
   EXPECT_FALSE(none.IsOpen());
@@ -119,7 +96,7 @@ TEST_F(StreamFilesTest, AccessAndRecordRulesGiveTheirCodes) {
   EXPECT_EQ(reader.SetSize(1), kErrInvalidAccessMode);
   EXPECT_EQ(reader.SetAccess(kReadWrite), kErrUnsupportedOperation);
   reader.Close();
-  EXPECT_EQ(Contents("f"), "abc");  // a read-only close leaves the length alone
+  EXPECT_EQ(temp_.Read("f"), "abc");  // a read-only close leaves the length alone
 
   DiskFileStream empty;
   ResultCode result = 0;
@@ -137,7 +114,7 @@ TEST_F(StreamFilesTest, AccessAndRecordRulesGiveTheirCodes) {
 }
 
 TEST_F(StreamFilesTest, OpenFailuresBecomeSystemCodesAndLeaveTheStreamClosed) {
-  MakeFile("exists", "");
+  temp_.Write("exists", "");
   DiskFileStream stream;
   EXPECT_EQ(Open(stream, "missing", OPEN_EXISTING), SystemErrorCode(ERROR_FILE_NOT_FOUND));
   EXPECT_FALSE(stream.IsOpen());
@@ -149,7 +126,7 @@ TEST_F(StreamFilesTest, OpenFailuresBecomeSystemCodesAndLeaveTheStreamClosed) {
 }
 
 TEST_F(StreamFilesTest, SeekChecksModeAndBounds) {
-  MakeFile("f", std::string(100, 'x'));
+  temp_.Write("f", std::string(100, 'x'));
   DiskFileStream stream;
   ASSERT_EQ(Open(stream, "f", OPEN_EXISTING), kOk);
   ASSERT_EQ(stream.Seek(kSeekBegin, 40), kOk);
@@ -185,7 +162,7 @@ TEST_F(StreamFilesTest, ClosedFileHasExactlyTheLogicalSize) {
   const std::string data = Pattern(1000, 1);
   ASSERT_EQ(WriteString(stream, data), kOk);
   ASSERT_EQ(stream.SetSize(1 << 20), kOk);
-  EXPECT_EQ(fs::file_size(dir_ / "grown"), 1u << 20);
+  EXPECT_EQ(fs::file_size(temp_.path() / "grown"), 1u << 20);
   ASSERT_EQ(stream.SetSize(1500), kOk);
   ASSERT_EQ(stream.Seek(kSeekEnd, 0), kOk);
   ASSERT_EQ(WriteString(stream, "tail"), kOk);
@@ -201,7 +178,7 @@ TEST_F(StreamFilesTest, ClosedFileHasExactlyTheLogicalSize) {
   }
   EXPECT_EQ(stream.Close(), kOk);
   EXPECT_EQ(stream.GetPosition(), 0);
-  const std::string contents = Contents("grown");
+  const std::string contents = temp_.Read("grown");
   ASSERT_EQ(contents.size(), 1504u);
   EXPECT_EQ(contents.substr(0, 1000), data);
   EXPECT_EQ(contents.substr(1000, 500), std::string(500, '\0'));
@@ -242,7 +219,7 @@ TEST_F(StreamFilesTest, ClonesShareTheRecordButNotThePosition) {
 }
 
 TEST_F(StreamFilesTest, ChangeAccessReopensAndFallsBackOnFailure) {
-  MakeFile("a", "content");
+  temp_.Write("a", "content");
   DiskFileStream stream;
   ASSERT_EQ(Open(stream, "a", OPEN_EXISTING, kAccessRead, FILE_SHARE_READ), kOk);
   ASSERT_EQ(stream.MakeWritable(), kOk);
@@ -252,7 +229,7 @@ TEST_F(StreamFilesTest, ChangeAccessReopensAndFallsBackOnFailure) {
   ASSERT_EQ(stream.MakeReadOnly(), kOk);
   EXPECT_EQ(stream.GetPosition(), 8);
   EXPECT_EQ(WriteString(stream, "x"), kErrInvalidAccessMode);
-  EXPECT_EQ(Contents("a"), "content+");
+  EXPECT_EQ(temp_.Read("a"), "content+");
 
   // A reader that does not share writing keeps the stream from becoming writable again.
   UniqueFile blocker = RawOpen("a", GENERIC_READ, FILE_SHARE_READ);
@@ -312,13 +289,13 @@ TEST_F(StreamFilesTest, CompareOrdersByTheFirstDifferentByte) {
     SCOPED_TRACE(c.what);
     std::string changed = base;
     if (c.at != std::string::npos) changed[c.at] = c.to;
-    MakeFile("right", changed);
+    temp_.Write("right", changed);
     DiskFileStream right;
     ASSERT_EQ(Open(right, "right", OPEN_EXISTING, kAccessRead), kOk);
     EXPECT_EQ(left.Compare(c.count, 0, right, 0), c.expected);
   }
   DiskFileStream shifted;
-  MakeFile("shifted", "xx" + base);
+  temp_.Write("shifted", "xx" + base);
   ASSERT_EQ(Open(shifted, "shifted", OPEN_EXISTING, kAccessRead), kOk);
   EXPECT_EQ(left.Compare(9000, 0, shifted, 2), 1);
   EXPECT_EQ(shifted.Compare(100, 0, left, 0), 2);
@@ -331,13 +308,13 @@ TEST_F(StreamFilesTest, RenameMovesTheFileUnderTheOpenStream) {
   ASSERT_EQ(Open(stream, "old", CREATE_ALWAYS), kOk);
   ASSERT_EQ(WriteString(stream, "first"), kOk);
   ASSERT_EQ(stream.Rename(PathOf("new").view()), kOk);
-  EXPECT_FALSE(Exists("old"));
+  EXPECT_FALSE(temp_.Exists("old"));
   EXPECT_EQ(stream.GetRecord()->Path, PathOf("new"));
   EXPECT_EQ(stream.GetRecord()->Share, FILE_SHARE_READ);
   EXPECT_EQ(stream.GetPosition(), 5);
   ASSERT_EQ(WriteString(stream, "+second"), kOk);
   stream.Close();
-  EXPECT_EQ(Contents("new"), "first+second");
+  EXPECT_EQ(temp_.Read("new"), "first+second");
 }
 
 TEST_F(StreamFilesTest, RenameOntoTheSamePathInAnotherCaseDoesNothing) {
@@ -345,8 +322,8 @@ TEST_F(StreamFilesTest, RenameOntoTheSamePathInAnotherCaseDoesNothing) {
   ASSERT_EQ(Open(stream, "name", CREATE_ALWAYS), kOk);
   ASSERT_EQ(WriteString(stream, "x"), kOk);
   ASSERT_EQ(stream.Rename(PathOf("NAME").view()), kOk);
-  EXPECT_TRUE(Exists("name"));
-  EXPECT_FALSE(Exists("NAME"));
+  EXPECT_TRUE(temp_.Exists("name"));
+  EXPECT_FALSE(temp_.Exists("NAME"));
   EXPECT_EQ(stream.GetRecord()->Path, PathOf("name"));
   EXPECT_EQ(WriteString(stream, "y"), kOk);
 }
@@ -368,8 +345,8 @@ TEST_F(StreamFilesTest, RenameRetriesWhileASharingViolationHolds) {
   EXPECT_EQ(result, kOk);
   EXPECT_GE(waited, std::chrono::milliseconds(500));
   EXPECT_LT(waited, std::chrono::milliseconds(2500));
-  EXPECT_FALSE(Exists("held"));
-  EXPECT_EQ(Contents("moved"), "data");
+  EXPECT_FALSE(temp_.Exists("held"));
+  EXPECT_EQ(temp_.Read("moved"), "data");
 }
 
 TEST_F(StreamFilesTest, RenameGivesUpAfterSixTriesAndReopensTheOldPath) {
@@ -383,7 +360,7 @@ TEST_F(StreamFilesTest, RenameGivesUpAfterSixTriesAndReopensTheOldPath) {
   EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(2500));
   EXPECT_TRUE(stream.IsOpen());
   EXPECT_EQ(stream.GetRecord()->Path, PathOf("stuck"));
-  EXPECT_FALSE(Exists("moved"));
+  EXPECT_FALSE(temp_.Exists("moved"));
 
   // Other failures are not retried.
   blocker.reset();
@@ -438,19 +415,17 @@ ResultCode CountingReopen(const DiskFileRecord& record, HANDLE* handle) {
 class NetworkFailureTest : public StreamFilesTest {
  protected:
   void SetUp() override {
-    StreamFilesTest::SetUp();
     gFault = Fault{};
     (void)SetReadFileFunctionForTesting(&FaultyRead);
     (void)SetReopenFunction(&CountingReopen);
     data_ = Pattern(3000, 11);
-    MakeFile("net", data_);
+    temp_.Write("net", data_);
     ASSERT_EQ(Open(stream_, "net", OPEN_EXISTING, kAccessRead, kShareAll), kOk);
   }
   void TearDown() override {
     (void)SetReadFileFunctionForTesting(nullptr);
     (void)SetReopenFunction(nullptr);
     stream_.ReleaseRecord();
-    StreamFilesTest::TearDown();
   }
   // The reopen rule ignores failures within 500 ms of the last open.
   static void LetTheReopenIntervalPass() {
@@ -549,7 +524,7 @@ TEST_F(NetworkFailureTest, ReplacedFileGivesFileChangedRatherThanMixedData) {
   LetTheReopenIntervalPass();
   gFault.failuresLeft = 1;
   gFault.atFailure = [this] {
-    MakeFile("replacement", Pattern(2000, 12));
+    temp_.Write("replacement", Pattern(2000, 12));
     ASSERT_TRUE(platform::MoveFileExW(PathOf("replacement").c_str(), PathOf("net").c_str(),
                                       MOVEFILE_REPLACE_EXISTING));
   };
@@ -745,7 +720,7 @@ class TempNameTest : public StreamFilesTest {
 };
 
 TEST_F(TempNameTest, NamesStartWithThreeCharactersOfThePrefix) {
-  folder_ = Utf8ToWide(dir_.string() + "/");
+  folder_ = Utf8ToWide(temp_.path().string() + "/");
   const TempFolderHook old = SetTempFolderHook(&OurFolder);
   struct Case {
     std::u16string_view prefix;
@@ -757,7 +732,7 @@ TEST_F(TempNameTest, NamesStartWithThreeCharactersOfThePrefix) {
       {u"", u"", u"mrw"},
       {u"xyz", u"explicit", u"xyz"},
   };
-  fs::create_directory(dir_ / "explicit");
+  fs::create_directory(temp_.path() / "explicit");
   for (const Case& c : cases) {
     SCOPED_TRACE(WideToUtf8(c.prefix));
     WideString folder;
@@ -765,7 +740,7 @@ TEST_F(TempNameTest, NamesStartWithThreeCharactersOfThePrefix) {
     WideString name;
     ASSERT_EQ(MakeTempName(name, c.prefix, folder.view()), kOk);
     const fs::path path = WideToUtf8(name.view());
-    EXPECT_EQ(path.parent_path(), c.folder.empty() ? dir_ : dir_ / "explicit");
+    EXPECT_EQ(path.parent_path(), c.folder.empty() ? temp_.path() : temp_.path() / "explicit");
     EXPECT_EQ(Utf8ToWide(path.filename().string()).view().substr(0, 3), c.start);
     EXPECT_EQ(path.extension(), ".tmp");
     EXPECT_TRUE(fs::is_regular_file(path));

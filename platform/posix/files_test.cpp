@@ -1,11 +1,9 @@
 #include "platform/files.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -17,6 +15,7 @@
 #include "platform/kernel.h"
 #include "platform/posix/posix_util.h"
 #include "platform/unique_any.h"
+#include "testing/temp_folder.h"
 
 namespace mrwl::platform {
 namespace {
@@ -25,39 +24,17 @@ namespace fs = std::filesystem;
 
 class FilesTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    std::string pattern = (fs::temp_directory_path() / "mrwl-files-XXXXXX").string();
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    dir_ = pattern;
-  }
-  void TearDown() override {
-    std::error_code ignored;
-    fs::permissions(dir_, fs::perms::owner_all, fs::perm_options::add, ignored);
-    fs::remove_all(dir_, ignored);
-  }
-
-  std::u16string PathOf(const std::string& name) const {
-    return posix::FromUtf8((dir_ / name).string());
-  }
-  void MakeFile(const std::string& name, const std::string& content) const {
-    std::ofstream(dir_ / name, std::ios::binary) << content;
-  }
-  std::string Contents(const std::string& name) const {
-    std::ifstream in(dir_ / name, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-  }
-  bool Exists(const std::string& name) const { return fs::exists(dir_ / name); }
-
   UniqueFile Open(const std::string& name, DWORD access, DWORD share, DWORD disposition,
                   DWORD flags = FILE_ATTRIBUTE_NORMAL) const {
-    return UniqueFile(CreateFileW(PathOf(name).c_str(), access, share, disposition, flags));
+    return UniqueFile(
+        CreateFileW(temp_.WidePathOf(name).c_str(), access, share, disposition, flags));
   }
 
   // The names a pattern finds in the folder, in any order.
   std::set<std::string> Find(const std::string& pattern) const {
     std::set<std::string> names;
     FindDataW data{};
-    UniqueFind find(FindFirstFileW(PathOf(pattern).c_str(), &data));
+    UniqueFind find(FindFirstFileW(temp_.WidePathOf(pattern).c_str(), &data));
     if (!find) {
       lastFindError_ = GetLastError();
       return names;
@@ -69,7 +46,7 @@ class FilesTest : public ::testing::Test {
     return names;
   }
 
-  fs::path dir_;
+  testing::TempFolder temp_;
   mutable DWORD lastFindError_ = 0;
 };
 
@@ -97,28 +74,28 @@ TEST_F(FilesTest, DispositionsFollowWindowsOnNewAndExistingFiles) {
     SCOPED_TRACE(::testing::Message()
                  << "disposition " << c.disposition << " existing " << c.existing);
     const std::string name = "d" + std::to_string(index++);
-    if (c.existing) MakeFile(name, "old");
+    if (c.existing) temp_.Write(name, "old");
     SetLastError(12345);
     UniqueFile file = Open(name, GENERIC_READ | GENERIC_WRITE, 0, c.disposition);
     EXPECT_EQ(file.is_valid(), c.opens);
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(c.lastError));
     file.reset();
     if (c.contentAfter == nullptr) {
-      EXPECT_FALSE(Exists(name));
+      EXPECT_FALSE(temp_.Exists(name));
     } else {
-      EXPECT_EQ(Contents(name), c.contentAfter);
+      EXPECT_EQ(temp_.Read(name), c.contentAfter);
     }
   }
 }
 
 TEST_F(FilesTest, CreatedFilesArePrivateAndMissingFoldersAreReported) {
   ASSERT_TRUE(Open("new", GENERIC_WRITE, 0, CREATE_NEW));
-  EXPECT_EQ(fs::status(dir_ / "new").permissions() & fs::perms::all,
+  EXPECT_EQ(fs::status(temp_.path() / "new").permissions() & fs::perms::all,
             fs::perms::owner_read | fs::perms::owner_write);
 
   EXPECT_FALSE(Open("missing/file", GENERIC_READ, 0, OPEN_EXISTING));
   EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_PATH_NOT_FOUND));
-  fs::create_directory(dir_ / "sub");
+  fs::create_directory(temp_.path() / "sub");
   EXPECT_FALSE(Open("sub", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING));
   EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_ACCESS_DENIED));
 }
@@ -139,7 +116,7 @@ TEST_F(FilesTest, ShareModesAreEnforcedBetweenHandles) {
       {kWrite, kShareWrite, kRead, kShareWrite, false},  // first does not share read
       {0, 0, kRead | kWrite, 0, true},                   // no data access, no conflict
   };
-  MakeFile("shared", "x");
+  temp_.Write("shared", "x");
   for (const Case& c : cases) {
     SCOPED_TRACE(::testing::Message() << std::hex << c.firstAccess << "/" << c.firstShare
                                       << " then " << c.secondAccess << "/" << c.secondShare);
@@ -157,23 +134,23 @@ TEST_F(FilesTest, ShareModesAreEnforcedBetweenHandles) {
 }
 
 TEST_F(FilesTest, DeleteAndMoveNeedShareDeleteOfOpenHandles) {
-  MakeFile("a", "a");
+  temp_.Write("a", "a");
   {
     UniqueFile open = Open("a", GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, OPEN_EXISTING);
-    EXPECT_FALSE(DeleteFileW(PathOf("a").c_str()));
+    EXPECT_FALSE(DeleteFileW(temp_.WidePathOf("a").c_str()));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_SHARING_VIOLATION));
-    EXPECT_FALSE(MoveFileExW(PathOf("a").c_str(), PathOf("b").c_str(), 0));
+    EXPECT_FALSE(MoveFileExW(temp_.WidePathOf("a").c_str(), temp_.WidePathOf("b").c_str(), 0));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_SHARING_VIOLATION));
-    EXPECT_TRUE(Exists("a"));
+    EXPECT_TRUE(temp_.Exists("a"));
   }
   {
     UniqueFile open = Open("a", GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_DELETE, OPEN_EXISTING);
-    EXPECT_TRUE(MoveFileExW(PathOf("a").c_str(), PathOf("b").c_str(), 0));
-    EXPECT_TRUE(DeleteFileW(PathOf("b").c_str()));
+    EXPECT_TRUE(MoveFileExW(temp_.WidePathOf("a").c_str(), temp_.WidePathOf("b").c_str(), 0));
+    EXPECT_TRUE(DeleteFileW(temp_.WidePathOf("b").c_str()));
   }
-  EXPECT_FALSE(Exists("a"));
-  EXPECT_FALSE(Exists("b"));
-  EXPECT_FALSE(DeleteFileW(PathOf("b").c_str()));
+  EXPECT_FALSE(temp_.Exists("a"));
+  EXPECT_FALSE(temp_.Exists("b"));
+  EXPECT_FALSE(DeleteFileW(temp_.WidePathOf("b").c_str()));
   EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
 }
 
@@ -188,9 +165,9 @@ TEST_F(FilesTest, DeleteOnCloseRemovesTheFileWithTheLastHandle) {
                            FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, OPEN_EXISTING);
   ASSERT_TRUE(second);
   first.reset();
-  EXPECT_TRUE(Exists("t"));
+  EXPECT_TRUE(temp_.Exists("t"));
   second.reset();
-  EXPECT_FALSE(Exists("t"));
+  EXPECT_FALSE(temp_.Exists("t"));
 }
 
 TEST_F(FilesTest, OverlappedTransfersUseTheirOffsetAndLeaveThePosition) {
@@ -203,7 +180,7 @@ TEST_F(FilesTest, OverlappedTransfersUseTheirOffsetAndLeaveThePosition) {
   ASSERT_TRUE(WriteFile(file.get(), "tail", 4, &done, &at));
   EXPECT_EQ(done, 4u);
   EXPECT_EQ(at.InternalHigh, 4u);
-  EXPECT_EQ(Contents("p"), std::string("head\0\0\0\0\0\0tail", 14));
+  EXPECT_EQ(temp_.Read("p"), std::string("head\0\0\0\0\0\0tail", 14));
 
   // The handle's own position stayed after "head".
   ASSERT_TRUE(WriteFile(file.get(), "++", 2, &done, nullptr));
@@ -259,7 +236,7 @@ TEST_F(FilesTest, PointerEndOfFileAndSizeAgree) {
 }
 
 TEST_F(FilesTest, TransfersNeedTheirAccessRight) {
-  MakeFile("r", "data");
+  temp_.Write("r", "data");
   UniqueFile reader = Open("r", GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, OPEN_EXISTING);
   DWORD done = 7;
   EXPECT_FALSE(WriteFile(reader.get(), "x", 1, &done, nullptr));
@@ -279,68 +256,70 @@ TEST_F(FilesTest, TransfersNeedTheirAccessRight) {
 }
 
 TEST_F(FilesTest, ReadOnlyAttributeGuardsTheFileEvenForRoot) {
-  MakeFile("ro", "keep");
-  ASSERT_TRUE(SetFileAttributesW(PathOf("ro").c_str(), FILE_ATTRIBUTE_READONLY));
-  EXPECT_EQ(GetFileAttributesW(PathOf("ro").c_str()) & FILE_ATTRIBUTE_READONLY,
+  temp_.Write("ro", "keep");
+  ASSERT_TRUE(SetFileAttributesW(temp_.WidePathOf("ro").c_str(), FILE_ATTRIBUTE_READONLY));
+  EXPECT_EQ(GetFileAttributesW(temp_.WidePathOf("ro").c_str()) & FILE_ATTRIBUTE_READONLY,
             FILE_ATTRIBUTE_READONLY);
   EXPECT_FALSE(Open("ro", GENERIC_WRITE, 0, OPEN_EXISTING));
   EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_ACCESS_DENIED));
-  EXPECT_FALSE(DeleteFileW(PathOf("ro").c_str()));
+  EXPECT_FALSE(DeleteFileW(temp_.WidePathOf("ro").c_str()));
   EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_ACCESS_DENIED));
   EXPECT_TRUE(Open("ro", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING));
 
-  ASSERT_TRUE(SetFileAttributesW(PathOf("ro").c_str(), FILE_ATTRIBUTE_NORMAL));
-  EXPECT_EQ(GetFileAttributesW(PathOf("ro").c_str()) & FILE_ATTRIBUTE_READONLY, 0u);
-  EXPECT_TRUE(DeleteFileW(PathOf("ro").c_str()));
-  EXPECT_EQ(GetFileAttributesW(PathOf("ro").c_str()), INVALID_FILE_ATTRIBUTES);
+  ASSERT_TRUE(SetFileAttributesW(temp_.WidePathOf("ro").c_str(), FILE_ATTRIBUTE_NORMAL));
+  EXPECT_EQ(GetFileAttributesW(temp_.WidePathOf("ro").c_str()) & FILE_ATTRIBUTE_READONLY, 0u);
+  EXPECT_TRUE(DeleteFileW(temp_.WidePathOf("ro").c_str()));
+  EXPECT_EQ(GetFileAttributesW(temp_.WidePathOf("ro").c_str()), INVALID_FILE_ATTRIBUTES);
   EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
 }
 
 TEST_F(FilesTest, MoveReplacesOnlyWhenAsked) {
-  MakeFile("from", "new");
-  MakeFile("to", "old");
-  EXPECT_FALSE(MoveFileExW(PathOf("from").c_str(), PathOf("to").c_str(), 0));
+  temp_.Write("from", "new");
+  temp_.Write("to", "old");
+  EXPECT_FALSE(MoveFileExW(temp_.WidePathOf("from").c_str(), temp_.WidePathOf("to").c_str(), 0));
   EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_ALREADY_EXISTS));
-  EXPECT_EQ(Contents("to"), "old");
+  EXPECT_EQ(temp_.Read("to"), "old");
   {
     // A target held open without share delete cannot be replaced.
     UniqueFile held = Open("to", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING);
-    EXPECT_FALSE(
-        MoveFileExW(PathOf("from").c_str(), PathOf("to").c_str(), MOVEFILE_REPLACE_EXISTING));
+    EXPECT_FALSE(MoveFileExW(temp_.WidePathOf("from").c_str(), temp_.WidePathOf("to").c_str(),
+                             MOVEFILE_REPLACE_EXISTING));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_ACCESS_DENIED));
   }
-  EXPECT_TRUE(MoveFileExW(PathOf("from").c_str(), PathOf("to").c_str(), MOVEFILE_REPLACE_EXISTING));
-  EXPECT_EQ(Contents("to"), "new");
-  EXPECT_FALSE(Exists("from"));
+  EXPECT_TRUE(MoveFileExW(temp_.WidePathOf("from").c_str(), temp_.WidePathOf("to").c_str(),
+                          MOVEFILE_REPLACE_EXISTING));
+  EXPECT_EQ(temp_.Read("to"), "new");
+  EXPECT_FALSE(temp_.Exists("from"));
 }
 
 TEST_F(FilesTest, MoveAcrossDevicesCopiesOnlyWhenAllowed) {
   const fs::path other = "/dev/shm";
   struct stat here {
   }, there{};
-  if (stat(dir_.c_str(), &here) != 0 || stat(other.c_str(), &there) != 0 ||
+  if (stat(temp_.path().c_str(), &here) != 0 || stat(other.c_str(), &there) != 0 ||
       here.st_dev == there.st_dev || access(other.c_str(), W_OK) != 0) {
     GTEST_SKIP() << "no second writable device";
   }
   const fs::path target = other / ("mrwl-move-" + std::to_string(getpid()));
   const std::u16string target16 = posix::FromUtf8(target.string());
-  MakeFile("m", "payload");
-  EXPECT_FALSE(MoveFileExW(PathOf("m").c_str(), target16.c_str(), MOVEFILE_REPLACE_EXISTING));
+  temp_.Write("m", "payload");
+  EXPECT_FALSE(
+      MoveFileExW(temp_.WidePathOf("m").c_str(), target16.c_str(), MOVEFILE_REPLACE_EXISTING));
   EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_NOT_SAME_DEVICE));
-  EXPECT_TRUE(MoveFileExW(PathOf("m").c_str(), target16.c_str(),
+  EXPECT_TRUE(MoveFileExW(temp_.WidePathOf("m").c_str(), target16.c_str(),
                           MOVEFILE_REPLACE_EXISTING | MOVEFILE_COPY_ALLOWED));
-  EXPECT_FALSE(Exists("m"));
+  EXPECT_FALSE(temp_.Exists("m"));
   std::ifstream in(target, std::ios::binary);
   EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "payload");
   fs::remove(target);
 }
 
 TEST_F(FilesTest, FindMatchesWildcardsAsWindowsDoes) {
-  MakeFile("abc.txt", "12345");
-  MakeFile("ABD.TXT", "");
-  MakeFile("readme", "");
-  MakeFile("a.b.c", "");
-  fs::create_directory(dir_ / "sub");
+  temp_.Write("abc.txt", "12345");
+  temp_.Write("ABD.TXT", "");
+  temp_.Write("readme", "");
+  temp_.Write("a.b.c", "");
+  fs::create_directory(temp_.path() / "sub");
   using Names = std::set<std::string>;
   struct Case {
     const char* pattern;
@@ -367,12 +346,12 @@ TEST_F(FilesTest, FindMatchesWildcardsAsWindowsDoes) {
 }
 
 TEST_F(FilesTest, FindReportsAttributesSizesAndTimes) {
-  MakeFile("big", std::string(70000, 'x'));
-  MakeFile("ro", "");
-  ASSERT_TRUE(SetFileAttributesW(PathOf("ro").c_str(), FILE_ATTRIBUTE_READONLY));
-  fs::create_directory(dir_ / "sub");
+  temp_.Write("big", std::string(70000, 'x'));
+  temp_.Write("ro", "");
+  ASSERT_TRUE(SetFileAttributesW(temp_.WidePathOf("ro").c_str(), FILE_ATTRIBUTE_READONLY));
+  fs::create_directory(temp_.path() / "sub");
   FindDataW data{};
-  UniqueFind find(FindFirstFileW(PathOf("big").c_str(), &data));
+  UniqueFind find(FindFirstFileW(temp_.WidePathOf("big").c_str(), &data));
   ASSERT_TRUE(find);
   EXPECT_EQ(data.nFileSizeLow, 70000u);
   EXPECT_EQ(data.dwFileAttributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_READONLY), 0u);
@@ -383,35 +362,35 @@ TEST_F(FilesTest, FindReportsAttributesSizesAndTimes) {
   EXPECT_FALSE(FindNextFileW(find.get(), &data));
   EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_NO_MORE_FILES));
 
-  find.reset(FindFirstFileW(PathOf("ro").c_str(), &data));
+  find.reset(FindFirstFileW(temp_.WidePathOf("ro").c_str(), &data));
   EXPECT_EQ(data.dwFileAttributes & FILE_ATTRIBUTE_READONLY, FILE_ATTRIBUTE_READONLY);
-  find.reset(FindFirstFileW(PathOf("su?").c_str(), &data));
+  find.reset(FindFirstFileW(temp_.WidePathOf("su?").c_str(), &data));
   ASSERT_TRUE(find);
   EXPECT_EQ(std::u16string(data.cFileName), u"sub");
   EXPECT_EQ(data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY, FILE_ATTRIBUTE_DIRECTORY);
 }
 
 TEST_F(FilesTest, FoldersAreMadeAndRemovedWithWindowsErrors) {
-  ASSERT_TRUE(CreateDirectoryW(PathOf("d").c_str()));
-  EXPECT_FALSE(CreateDirectoryW(PathOf("d").c_str()));
+  ASSERT_TRUE(CreateDirectoryW(temp_.WidePathOf("d").c_str()));
+  EXPECT_FALSE(CreateDirectoryW(temp_.WidePathOf("d").c_str()));
   EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_ALREADY_EXISTS));
-  EXPECT_FALSE(CreateDirectoryW(PathOf("x/y").c_str()));
+  EXPECT_FALSE(CreateDirectoryW(temp_.WidePathOf("x/y").c_str()));
   EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_PATH_NOT_FOUND));
-  MakeFile("d/f", "");
-  EXPECT_FALSE(RemoveDirectoryW(PathOf("d").c_str()));
+  temp_.Write("d/f", "");
+  EXPECT_FALSE(RemoveDirectoryW(temp_.WidePathOf("d").c_str()));
   EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_DIR_NOT_EMPTY));
-  EXPECT_FALSE(RemoveDirectoryW(PathOf("d/f").c_str()));
+  EXPECT_FALSE(RemoveDirectoryW(temp_.WidePathOf("d/f").c_str()));
   EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_DIRECTORY));
-  EXPECT_FALSE(DeleteFileW(PathOf("d").c_str()));
+  EXPECT_FALSE(DeleteFileW(temp_.WidePathOf("d").c_str()));
   EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_ACCESS_DENIED));
-  ASSERT_TRUE(DeleteFileW(PathOf("d/f").c_str()));
-  EXPECT_TRUE(RemoveDirectoryW(PathOf("d").c_str()));
-  EXPECT_EQ(GetFileAttributesW(PathOf("d").c_str()), INVALID_FILE_ATTRIBUTES);
+  ASSERT_TRUE(DeleteFileW(temp_.WidePathOf("d/f").c_str()));
+  EXPECT_TRUE(RemoveDirectoryW(temp_.WidePathOf("d").c_str()));
+  EXPECT_EQ(GetFileAttributesW(temp_.WidePathOf("d").c_str()), INVALID_FILE_ATTRIBUTES);
 }
 
 TEST_F(FilesTest, IdentityTellsFilesApart) {
-  MakeFile("one", "1");
-  MakeFile("two", "2");
+  temp_.Write("one", "1");
+  temp_.Write("two", "2");
   constexpr DWORD kShare = FILE_SHARE_READ | FILE_SHARE_WRITE;
   UniqueFile a = Open("one", GENERIC_READ, kShare, OPEN_EXISTING);
   UniqueFile b = Open("one", GENERIC_READ, kShare, OPEN_EXISTING);
@@ -429,18 +408,6 @@ TEST_F(FilesTest, IdentityTellsFilesApart) {
 
 class TempPathTest : public FilesTest {
  protected:
-  void SetUp() override {
-    FilesTest::SetUp();
-    if (const char* old = std::getenv("TMPDIR")) saved_ = old;
-  }
-  void TearDown() override {
-    if (saved_) {
-      setenv("TMPDIR", saved_->c_str(), 1);
-    } else {
-      unsetenv("TMPDIR");
-    }
-    FilesTest::TearDown();
-  }
   std::u16string TempPath() {
     const DWORD needed = GetTempPathW(0, nullptr);
     std::u16string text(needed, u'\0');
@@ -449,22 +416,22 @@ class TempPathTest : public FilesTest {
     text.resize(length);
     return text;
   }
-  std::optional<std::string> saved_;
+  testing::ScopedEnv tmpdir_{"TMPDIR"};
 };
 
 TEST_F(TempPathTest, TempPathComesFromTmpdirAndEndsInTheSeparator) {
-  setenv("TMPDIR", "/var/somewhere", 1);
+  tmpdir_.Set("/var/somewhere");
   EXPECT_EQ(TempPath(), u"/var/somewhere/");
-  setenv("TMPDIR", "/var/other/", 1);
+  tmpdir_.Set("/var/other/");
   EXPECT_EQ(TempPath(), u"/var/other/");
-  unsetenv("TMPDIR");
+  tmpdir_.Unset();
   EXPECT_EQ(TempPath(), u"/tmp/");
   char16_t tiny[3];
   EXPECT_EQ(GetTempPathW(3, tiny), 6u);
 }
 
 TEST_F(TempPathTest, TempFileNamesAreCreatedExclusively) {
-  const std::u16string folder = posix::FromUtf8(dir_.string());
+  const std::u16string folder = posix::FromUtf8(temp_.path().string());
   std::set<std::u16string> names;
   for (int i = 0; i < 20; ++i) {
     char16_t name[MAX_PATH] = {};
@@ -485,7 +452,7 @@ TEST_F(TempPathTest, TempFileNamesAreCreatedExclusively) {
   char16_t fixed[MAX_PATH] = {};
   EXPECT_EQ(GetTempFileNameW((folder + u"/").c_str(), u"q", 0x2A, fixed), 0x2Au);
   EXPECT_EQ(std::u16string(fixed), folder + u"/q2A.tmp");
-  EXPECT_FALSE(Exists("q2A.tmp"));
+  EXPECT_FALSE(temp_.Exists("q2A.tmp"));
 
   EXPECT_EQ(GetTempFileNameW((folder + u"/none").c_str(), u"x", 0, fixed), 0u);
   EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_DIRECTORY));

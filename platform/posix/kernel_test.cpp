@@ -1,7 +1,6 @@
 #include "platform/kernel.h"
 
 #include <cerrno>
-#include <cstdlib>
 #include <string>
 
 #include <fcntl.h>
@@ -10,6 +9,7 @@
 #include <unistd.h>
 
 #include "platform/posix/posix_util.h"
+#include "testing/temp_folder.h"
 
 namespace mrwl::platform {
 namespace {
@@ -116,9 +116,8 @@ TEST(FormatMessage, AllocatedBufferIsReleasedWithLocalFree) {
 
 // Real failing calls: errno as the system sets it, through the backend's one conversion.
 TEST(ErrnoMapping, RealFailuresReadAsWindowsErrors) {
-  char folder[] = "/tmp/mrwl-kernel-test-XXXXXX";
-  ASSERT_NE(nullptr, mkdtemp(folder));
-  const std::string base = folder;
+  const testing::TempFolder folder;
+  const std::string base = folder.path().string();
   const std::string file = base + "/file";
   ASSERT_EQ(0, close(open(file.c_str(), O_CREAT | O_WRONLY, 0600)));
 
@@ -139,9 +138,6 @@ TEST(ErrnoMapping, RealFailuresReadAsWindowsErrors) {
   check("path through a file", open((file + "/x").c_str(), O_RDONLY), ERROR_PATH_NOT_FOUND);
   check("write a folder", open(base.c_str(), O_WRONLY), ERROR_ACCESS_DENIED);
   check("close a bad descriptor", close(-1), ERROR_INVALID_HANDLE);
-
-  unlink(file.c_str());
-  rmdir(base.c_str());
 }
 
 TEST(Kernel, TickCountMovesForwardWithSleep) {
@@ -160,7 +156,8 @@ TEST(Kernel, TickCountMovesForwardWithSleep) {
 }
 
 TEST(Kernel, EnvironmentVariableReportsSizesAsWindowsDoes) {
-  ASSERT_EQ(0, setenv("MRWL_KERNEL_TEST_VALUE", "ab\xC3\xA9", 1));  // "abé": 3 UTF-16 units
+  testing::ScopedEnv value("MRWL_KERNEL_TEST_VALUE");
+  ASSERT_TRUE(value.Set("ab\xC3\xA9"));  // "abé": 3 UTF-16 units
   const char16_t* name = u"MRWL_KERNEL_TEST_VALUE";
   char16_t buffer[8] = {u'x', u'x', u'x', u'x', u'x', u'x', u'x', u'x'};
   EXPECT_EQ(4u, GetEnvironmentVariableW(name, nullptr, 0));
@@ -169,7 +166,7 @@ TEST(Kernel, EnvironmentVariableReportsSizesAsWindowsDoes) {
   EXPECT_EQ(3u, GetEnvironmentVariableW(name, buffer, 4));
   EXPECT_EQ(std::u16string(u"ab\u00e9"), buffer);
 
-  unsetenv("MRWL_KERNEL_TEST_VALUE");
+  value.Unset();
   SetLastError(0);
   EXPECT_EQ(0u, GetEnvironmentVariableW(name, buffer, 8));
   EXPECT_EQ(static_cast<DWORD>(ERROR_ENVVAR_NOT_FOUND), GetLastError());
@@ -193,17 +190,17 @@ TEST(Kernel, ModuleFileNameIsAnExistingAbsolutePath) {
 }
 
 TEST(Kernel, DebugOutputGoesToStandardErrorOnlyWhenTraced) {
-  unsetenv("MRWL_TRACE");
+  testing::ScopedEnv trace("MRWL_TRACE");
+  trace.Unset();
   ::testing::internal::CaptureStderr();
   OutputDebugStringW(u"hidden");
   EXPECT_EQ("", ::testing::internal::GetCapturedStderr());
 
-  setenv("MRWL_TRACE", "1", 1);
+  trace.Set("1");
   ::testing::internal::CaptureStderr();
   OutputDebugStringW(u"shown \u00e9\n");
   OutputDebugStringW(nullptr);
   EXPECT_EQ("shown \xC3\xA9\n", ::testing::internal::GetCapturedStderr());
-  unsetenv("MRWL_TRACE");
 }
 
 }  // namespace

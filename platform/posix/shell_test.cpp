@@ -1,19 +1,15 @@
 #include "platform/shell.h"
 
-#include <chrono>
-#include <fstream>
-#include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "platform/kernel.h"
 #include "platform/posix/posix_util.h"
+#include "testing/temp_folder.h"
 
 namespace mrwl::platform {
 namespace {
@@ -26,75 +22,20 @@ int Code(HINSTANCE result) { return static_cast<int>(reinterpret_cast<std::uintp
 // that record the arguments they were started with.
 class ShellTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    char pattern[] = "/tmp/mrwl-shell-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    dir_ = pattern;
-    for (const char* name : {"MRWL_OPENER", "MRWL_XDG_MIME", "XDG_DATA_HOME", "PATH"}) {
-      const char* value = getenv(name);
-      saved_.push_back({name, value != nullptr, value != nullptr ? value : ""});
-    }
-  }
-  void TearDown() override {
-    for (const Saved& s : saved_) {
-      if (s.present) {
-        setenv(s.name.c_str(), s.value.c_str(), 1);
-      } else {
-        unsetenv(s.name.c_str());
-      }
-    }
-    std::string command = "rm -rf '" + dir_ + "'";
-    (void)std::system(command.c_str());
-  }
-
-  std::string Path(const std::string& name) const { return dir_ + "/" + name; }
-
-  std::string WriteFile(const std::string& name, const std::string& text, bool executable) {
-    const std::string path = Path(name);
-    std::ofstream(path) << text;
-    chmod(path.c_str(), executable ? 0755 : 0644);
-    return path;
-  }
-
   // A script that writes its arguments, one a line, to `record` and exits with `status`.
   std::string WriteRecorder(const std::string& name, const std::string& record, int status = 0) {
-    return WriteFile(name,
-                     "#!/bin/sh\nprintf '%s\\n' \"$@\" > '" + record + ".part'\nmv '" + record +
-                         ".part' '" + record + "'\nexit " + std::to_string(status) + "\n",
-                     true);
+    return temp_.Write(name, testing::RecorderScript(record, status), true);
   }
 
-  void UseOpener(const std::string& path) { setenv("MRWL_OPENER", path.c_str(), 1); }
-
-  // Waits for a started child to leave its record.
-  Lines WaitForRecord(const std::string& record) {
-    for (int i = 0; i < 500; ++i) {
-      std::ifstream in(record);
-      if (in) {
-        Lines lines;
-        std::string line;
-        while (std::getline(in, line)) lines.push_back(line);
-        return lines;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    ADD_FAILURE() << "no record at " << record;
-    return {};
-  }
-
-  bool Exists(const std::string& path) const { return access(path.c_str(), F_OK) == 0; }
+  void UseOpener(const std::string& path) { opener_.Set(path); }
 
   std::u16string U(const std::string& text) const { return posix::FromUtf8(text); }
 
-  std::string dir_;
-
- private:
-  struct Saved {
-    std::string name;
-    bool present;
-    std::string value;
-  };
-  std::vector<Saved> saved_;
+  testing::TempFolder temp_;
+  testing::ScopedEnv opener_{"MRWL_OPENER"};
+  testing::ScopedEnv xdgMime_{"MRWL_XDG_MIME"};
+  testing::ScopedEnv dataHome_{"XDG_DATA_HOME"};
+  testing::ScopedEnv path_{"PATH"};
 };
 
 TEST(CommandLineToArgvW, SplitsByTheRuntimeRules) {
@@ -136,32 +77,33 @@ TEST(CommandLineToArgvW, EmptyLineGivesTheProgramPath) {
 }
 
 TEST_F(ShellTest, ProgramReceivesParametersSplitByWindowsRules) {
-  const std::string record = Path("argv.txt");
+  const std::string record = temp_.PathOf("argv.txt");
   const std::string program = WriteRecorder("prog.sh", record);
   const HINSTANCE result =
       ShellExecuteW(nullptr, nullptr, U(program).c_str(),
                     u"one \"two three\" a\\\\\\\"b \"\" tail\\", nullptr, SW_SHOW);
   ASSERT_GT(Code(result), 32);
-  EXPECT_EQ(WaitForRecord(record), (Lines{"one", "two three", "a\\\"b", "", "tail\\"}));
+  EXPECT_EQ(testing::WaitForLines(record), (Lines{"one", "two three", "a\\\"b", "", "tail\\"}));
 }
 
 TEST_F(ShellTest, ProgramStartsInTheGivenFolder) {
-  const std::string record = Path("pwd.txt");
-  const std::string program = WriteFile(
-      "where.sh",
-      "#!/bin/sh\npwd > '" + record + ".part'\nmv '" + record + ".part' '" + record + "'\n", true);
-  mkdir(Path("work").c_str(), 0700);
+  const std::string record = temp_.PathOf("pwd.txt");
+  const std::string program =
+      temp_.Write("where.sh", testing::RecordingScript("pwd", record), true);
+  mkdir(temp_.PathOf("work").c_str(), 0700);
   ASSERT_GT(Code(ShellExecuteW(nullptr, u"open", U(program).c_str(), nullptr,
-                               U(Path("work")).c_str(), SW_SHOW)),
+                               U(temp_.PathOf("work")).c_str(), SW_SHOW)),
             32);
-  EXPECT_EQ(WaitForRecord(record), Lines{Path("work")});
+  EXPECT_EQ(testing::WaitForLines(record), Lines{temp_.PathOf("work")});
 }
 
 TEST_F(ShellTest, RelativeProgramIsFoundInTheWorkingFolder) {
-  const std::string record = Path("rel.txt");
+  const std::string record = temp_.PathOf("rel.txt");
   WriteRecorder("rel.sh", record);
-  ASSERT_GT(Code(ShellExecuteW(nullptr, u"open", u"rel.sh", u"x", U(dir_).c_str(), SW_SHOW)), 32);
-  EXPECT_EQ(WaitForRecord(record), Lines{"x"});
+  ASSERT_GT(Code(ShellExecuteW(nullptr, u"open", u"rel.sh", u"x", U(temp_.path().string()).c_str(),
+                               SW_SHOW)),
+            32);
+  EXPECT_EQ(testing::WaitForLines(record), Lines{"x"});
 }
 
 TEST_F(ShellTest, MissingProgramGivesTheWindowsErrors) {
@@ -170,8 +112,8 @@ TEST_F(ShellTest, MissingProgramGivesTheWindowsErrors) {
     int code;
   };
   const Case cases[] = {
-      {Path("absent.exe"), 2},
-      {Path("no-folder/absent.exe"), 3},
+      {temp_.PathOf("absent.exe"), 2},
+      {temp_.PathOf("no-folder/absent.exe"), 3},
       {"mrwl-no-such-program-on-path", 2},
   };
   for (const Case& c : cases) {
@@ -185,27 +127,27 @@ TEST_F(ShellTest, MissingProgramGivesTheWindowsErrors) {
 
 TEST_F(ShellTest, ProgramThatCannotRunIsRefused) {
   // Executable but not a program the system can load: no interpreter line, not a binary.
-  const std::string bogus = WriteFile("bogus",
-                                      "\x7f"
-                                      "ELF not really",
-                                      true);
+  const std::string bogus = temp_.Write("bogus",
+                                        "\x7f"
+                                        "ELF not really",
+                                        true);
   EXPECT_EQ(Code(ShellExecuteW(nullptr, nullptr, U(bogus).c_str(), nullptr, nullptr, SW_SHOW)), 11);
   EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_BAD_EXE_FORMAT));
 }
 
 TEST_F(ShellTest, DocumentsFoldersAndAddressesGoToTheOpener) {
-  const std::string record = Path("opened.txt");
+  const std::string record = temp_.PathOf("opened.txt");
   UseOpener(WriteRecorder("opener.sh", record));
-  const std::string document = WriteFile("letter.txt", "text", false);
-  mkdir(Path("folder").c_str(), 0700);
+  const std::string document = temp_.Write("letter.txt", "text");
+  mkdir(temp_.PathOf("folder").c_str(), 0700);
   struct Case {
     const char16_t* verb;
     std::string target;
   };
   const Case cases[] = {
       {u"open", document},
-      {nullptr, Path("folder")},
-      {u"explore", Path("folder")},
+      {nullptr, temp_.PathOf("folder")},
+      {u"explore", temp_.PathOf("folder")},
       {u"open", "https://example.org/a b?q=1"},
       {u"OPEN", "mailto:someone@example.org"},
   };
@@ -215,28 +157,28 @@ TEST_F(ShellTest, DocumentsFoldersAndAddressesGoToTheOpener) {
     ASSERT_GT(Code(ShellExecuteW(nullptr, c.verb, U(c.target).c_str(), u"ignored", nullptr,
                                  SW_SHOWNORMAL)),
               32);
-    EXPECT_EQ(WaitForRecord(record), Lines{c.target});
+    EXPECT_EQ(testing::WaitForLines(record), Lines{c.target});
   }
 }
 
 TEST_F(ShellTest, FailingOpenerIsReportedAsNoAssociationOrMissingFile) {
-  UseOpener(WriteRecorder("fails.sh", Path("r1"), 4));
+  UseOpener(WriteRecorder("fails.sh", temp_.PathOf("r1"), 4));
   EXPECT_EQ(Code(ShellExecuteW(nullptr, u"open", u"https://example.org", nullptr, nullptr, 1)), 31);
   EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_NO_ASSOCIATION));
 
-  UseOpener(WriteRecorder("missing.sh", Path("r2"), 2));
+  UseOpener(WriteRecorder("missing.sh", temp_.PathOf("r2"), 2));
   EXPECT_EQ(Code(ShellExecuteW(nullptr, u"open", u"https://example.org", nullptr, nullptr, 1)), 2);
 
-  UseOpener(Path("no-such-opener"));
+  UseOpener(temp_.PathOf("no-such-opener"));
   EXPECT_EQ(Code(ShellExecuteW(nullptr, u"open", u"https://example.org", nullptr, nullptr, 1)), 31);
 }
 
 TEST_F(ShellTest, UnknownVerbsAndExploringAFileHaveNoAssociation) {
-  UseOpener(WriteRecorder("opener.sh", Path("never")));
-  const std::string document = WriteFile("doc.txt", "x", false);
+  UseOpener(WriteRecorder("opener.sh", temp_.PathOf("never")));
+  const std::string document = temp_.Write("doc.txt", "x");
   EXPECT_EQ(Code(ShellExecuteW(nullptr, u"print", U(document).c_str(), nullptr, nullptr, 1)), 31);
   EXPECT_EQ(Code(ShellExecuteW(nullptr, u"explore", U(document).c_str(), nullptr, nullptr, 1)), 31);
-  EXPECT_FALSE(Exists(Path("never")));
+  EXPECT_FALSE(temp_.Exists("never"));
 }
 
 TEST_F(ShellTest, ShellExecuteExReportsThroughTheRecord) {
@@ -244,19 +186,19 @@ TEST_F(ShellTest, ShellExecuteExReportsThroughTheRecord) {
   info.cbSize = sizeof info;
   info.fMask = SEE_MASK_FLAG_NO_UI;
   info.lpVerb = u"open";
-  const std::u16string missing = U(Path("absent.exe"));
+  const std::u16string missing = U(temp_.PathOf("absent.exe"));
   info.lpFile = missing.c_str();
   EXPECT_EQ(ShellExecuteExW(&info), FALSE);
   EXPECT_EQ(Code(info.hInstApp), 2);
   EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
 
-  const std::string record = Path("ex.txt");
+  const std::string record = temp_.PathOf("ex.txt");
   const std::u16string program = U(WriteRecorder("ex.sh", record));
   info.lpFile = program.c_str();
   info.lpParameters = u"p";
   EXPECT_EQ(ShellExecuteExW(&info), TRUE);
   EXPECT_GT(Code(info.hInstApp), 32);
-  EXPECT_EQ(WaitForRecord(record), Lines{"p"});
+  EXPECT_EQ(testing::WaitForLines(record), Lines{"p"});
 
   info.cbSize = 1;
   EXPECT_EQ(ShellExecuteExW(&info), FALSE);
@@ -265,19 +207,18 @@ TEST_F(ShellTest, ShellExecuteExReportsThroughTheRecord) {
 
 TEST_F(ShellTest, AssociationComesFromTheDesktopEntry) {
   // xdg-mime answers by the MIME type; the desktop entry names the program.
-  WriteFile("xdg-mime",
-            "#!/bin/sh\ncase \"$3\" in\n x-scheme-handler/http) echo web.desktop ;;\n"
-            " application/pdf) echo reader.desktop ;;\nesac\n",
-            true);
-  setenv("MRWL_XDG_MIME", Path("xdg-mime").c_str(), 1);
-  setenv("XDG_DATA_HOME", dir_.c_str(), 1);
-  mkdir(Path("applications").c_str(), 0700);
-  const std::string browser = WriteRecorder("web browser.sh", Path("never"));
-  WriteFile(
+  temp_.Write("xdg-mime",
+              "#!/bin/sh\ncase \"$3\" in\n x-scheme-handler/http) echo web.desktop ;;\n"
+              " application/pdf) echo reader.desktop ;;\nesac\n",
+              true);
+  xdgMime_.Set(temp_.PathOf("xdg-mime"));
+  dataHome_.Set(temp_.path().string());
+  const std::string browser = WriteRecorder("web browser.sh", temp_.PathOf("never"));
+  temp_.Write(
       "applications/web.desktop",
       "[Desktop Action x]\nExec=wrong\n[Desktop Entry]\nName=Web\nExec=\"" + browser + "\" %u\n",
       false);
-  WriteFile("applications/reader.desktop", "[Desktop Entry]\nExec=sh -c true %f\n", false);
+  temp_.Write("applications/reader.desktop", "[Desktop Entry]\nExec=sh -c true %f\n");
 
   char16_t out[2047];
   DWORD length = 2047;
@@ -354,48 +295,39 @@ TEST(PathTests, RelativeAndFileUrlAnswers) {
 }
 
 TEST_F(ShellTest, FileManagerIsAskedOverDBusForTheSelection) {
-  const std::string record = Path("dbus.txt");
-  mkdir(Path("bin").c_str(), 0700);
+  const std::string record = temp_.PathOf("dbus.txt");
   WriteRecorder("bin/gdbus", record);
-  setenv("PATH", (Path("bin") + ":/usr/bin:/bin").c_str(), 1);
-  mkdir(Path("my folder").c_str(), 0700);
-  WriteFile("my folder/a,b.pdf", "x", false);
+  path_.Set(temp_.PathOf("bin") + ":/usr/bin:/bin");
+  temp_.Write("my folder/a,b.pdf", "x");
 
-  ItemIdList* folder = ILCreateFromPathW(U(Path("my folder")).c_str());
-  ItemIdList* item = ILCreateFromPathW(U(Path("my folder/a,b.pdf")).c_str());
+  ItemIdList* folder = ILCreateFromPathW(U(temp_.PathOf("my folder")).c_str());
+  ItemIdList* item = ILCreateFromPathW(U(temp_.PathOf("my folder/a,b.pdf")).c_str());
   ASSERT_NE(folder, nullptr);
   ASSERT_NE(item, nullptr);
-  EXPECT_EQ(ILCreateFromPathW(U(Path("my folder/absent")).c_str()), nullptr);
+  EXPECT_EQ(ILCreateFromPathW(U(temp_.PathOf("my folder/absent")).c_str()), nullptr);
   const ItemIdList* items[] = {item};
   EXPECT_EQ(SHOpenFolderAndSelectItems(folder, 1, items, 0), S_OK);
-  const Lines args = WaitForRecord(record);
+  const Lines args = testing::WaitForLines(record);
   ASSERT_EQ(args.size(), 12u);
   EXPECT_EQ(args[0], "call");
   EXPECT_EQ(args[9], "org.freedesktop.FileManager1.ShowItems");
-  EXPECT_EQ(args[10], "['file://" + dir_ + "/my%20folder/a%2Cb.pdf']");
+  EXPECT_EQ(args[10], "['file://" + temp_.path().string() + "/my%20folder/a%2Cb.pdf']");
 
   // A file manager that does not answer is a failure the caller can fall back from.
-  WriteRecorder("bin/gdbus", Path("dbus2.txt"), 1);
+  WriteRecorder("bin/gdbus", temp_.PathOf("dbus2.txt"), 1);
   EXPECT_EQ(SHOpenFolderAndSelectItems(folder, 1, items, 0), E_FAIL);
   ILFree(item);
   ILFree(folder);
 }
 
 TEST(KnownFolders, LocalAppDataFollowsTheDataHome) {
-  const char* saved = getenv("XDG_DATA_HOME");
-  const std::string keep = saved != nullptr ? saved : "";
-  setenv("XDG_DATA_HOME", "/srv/data/", 1);
+  const testing::ScopedEnv dataHome("XDG_DATA_HOME", "/srv/data/");
   char16_t path[MAX_PATH];
   EXPECT_EQ(SHGetFolderPathW(nullptr, CSIDL_LOCAL_APPDATA, nullptr, SHGFP_TYPE_CURRENT, path),
             S_OK);
   EXPECT_EQ(std::u16string(path), u"/srv/data");
   EXPECT_EQ(SHGetFolderPathW(nullptr, 0x05, nullptr, 0, path), E_INVALIDARG);
   EXPECT_TRUE(FAILED(SHGetKnownFolderPath(KnownFolder::kLocalAppDataLow, path, MAX_PATH)));
-  if (saved != nullptr) {
-    setenv("XDG_DATA_HOME", keep.c_str(), 1);
-  } else {
-    unsetenv("XDG_DATA_HOME");
-  }
 }
 
 TEST(ShellFileInfo, ReportsFolderAttributes) {
