@@ -792,10 +792,10 @@ HANDLE FindFirstFileW(const char16_t* pattern, FindDataW* data) noexcept {
     }
     const std::u16string whole(pattern);
     const std::size_t slash = whole.find_last_of(u'/');
-    const std::u16string spec = slash == whole.npos ? whole : whole.substr(slash + 1);
+    const std::u16string namePattern = slash == whole.npos ? whole : whole.substr(slash + 1);
     const std::string folder =
         slash == whole.npos ? std::string() : posix::ToUtf8(whole.substr(0, slash + 1));
-    if (spec.empty()) {
+    if (namePattern.empty()) {
       SetLastError(ERROR_FILE_NOT_FOUND);
       return INVALID_HANDLE_VALUE;
     }
@@ -805,16 +805,16 @@ HANDLE FindFirstFileW(const char16_t* pattern, FindDataW* data) noexcept {
       return INVALID_HANDLE_VALUE;
     }
     find->folder = folder;
-    find->pattern = spec;
-    if (spec.find_first_of(u"*?") == spec.npos) {
-      const std::string path = folder + posix::ToUtf8(spec);
+    find->pattern = namePattern;
+    if (namePattern.find_first_of(u"*?") == namePattern.npos) {
+      const std::string path = folder + posix::ToUtf8(namePattern);
       struct stat st {};
       if (lstat(path.c_str(), &st) != 0) {
         SetLastError(ErrorFromErrno(errno, path));
         delete find;
         return INVALID_HANDLE_VALUE;
       }
-      if (!FillFindData(path, spec, data)) {
+      if (!FillFindData(path, namePattern, data)) {
         SetLastError(ERROR_FILE_NOT_FOUND);
         delete find;
         return INVALID_HANDLE_VALUE;
