@@ -1,3 +1,4 @@
+#include <array>
 #include <cstddef>
 #include <cstdint>
 
@@ -140,72 +141,47 @@ bool Aes::SetKey(const void* key, std::size_t keyBits, AesDirection direction) n
 namespace {
 
 // One block on columns already loaded, for the CBC loops and the single-block calls alike.
-struct Columns {
-  std::uint32_t c0, c1, c2, c3;
-};
+using Columns = std::array<std::uint32_t, 4>;
+
+// The rounds of either direction. Both have the same shape; they differ only in which column
+// feeds each byte position: ShiftRows moves rows left, so output column i takes its bytes from
+// columns i, i+1, i+2, i+3, and InvShiftRows moves them right, giving i, i+3, i+2, i+1. kStep is
+// that column stride, 1 or 3.
+template <int kStep>
+inline Columns Rounds(Columns s, const std::uint32_t* rk, int rounds,
+                      const std::uint32_t (*table)[256], const std::uint8_t* sbox) noexcept {
+  constexpr auto at = [](int i, int k) { return (i + k * kStep) & 3; };
+  for (int c = 0; c < 4; ++c) s[c] ^= rk[c];
+  for (int round = 1; round < rounds; ++round) {
+    rk += 4;
+    Columns t;
+    for (int i = 0; i < 4; ++i) {
+      t[i] = table[0][s[at(i, 0)] >> 24] ^ table[1][Byte(s[at(i, 1)], 16)] ^
+             table[2][Byte(s[at(i, 2)], 8)] ^ table[3][s[at(i, 3)] & 0xFF] ^ rk[i];
+    }
+    s = t;
+  }
+  rk += 4;
+  Columns out;
+  for (int i = 0; i < 4; ++i) {
+    out[i] = ((std::uint32_t{sbox[s[at(i, 0)] >> 24]} << 24) |
+              (std::uint32_t{sbox[Byte(s[at(i, 1)], 16)]} << 16) |
+              (std::uint32_t{sbox[Byte(s[at(i, 2)], 8)]} << 8) |
+              std::uint32_t{sbox[s[at(i, 3)] & 0xFF]}) ^
+             rk[i];
+  }
+  return out;
+}
 
 inline Columns EncryptColumns(Columns s, const std::uint32_t* rk, int rounds,
                               const std::uint32_t (*te)[256], const std::uint8_t* sbox) noexcept {
-  const std::uint32_t* te0 = te[0];
-  const std::uint32_t* te1 = te[1];
-  const std::uint32_t* te2 = te[2];
-  const std::uint32_t* te3 = te[3];
-  std::uint32_t s0 = s.c0 ^ rk[0], s1 = s.c1 ^ rk[1], s2 = s.c2 ^ rk[2], s3 = s.c3 ^ rk[3];
-  for (int round = 1; round < rounds; ++round) {
-    rk += 4;
-    std::uint32_t t0 =
-        te0[s0 >> 24] ^ te1[Byte(s1, 16)] ^ te2[Byte(s2, 8)] ^ te3[s3 & 0xFF] ^ rk[0];
-    std::uint32_t t1 =
-        te0[s1 >> 24] ^ te1[Byte(s2, 16)] ^ te2[Byte(s3, 8)] ^ te3[s0 & 0xFF] ^ rk[1];
-    std::uint32_t t2 =
-        te0[s2 >> 24] ^ te1[Byte(s3, 16)] ^ te2[Byte(s0, 8)] ^ te3[s1 & 0xFF] ^ rk[2];
-    std::uint32_t t3 =
-        te0[s3 >> 24] ^ te1[Byte(s0, 16)] ^ te2[Byte(s1, 8)] ^ te3[s2 & 0xFF] ^ rk[3];
-    s0 = t0;
-    s1 = t1;
-    s2 = t2;
-    s3 = t3;
-  }
-  rk += 4;
-  auto last = [sbox](std::uint32_t a, std::uint32_t b, std::uint32_t c, std::uint32_t d) {
-    return (std::uint32_t{sbox[a >> 24]} << 24) | (std::uint32_t{sbox[Byte(b, 16)]} << 16) |
-           (std::uint32_t{sbox[Byte(c, 8)]} << 8) | std::uint32_t{sbox[d & 0xFF]};
-  };
-  return {last(s0, s1, s2, s3) ^ rk[0], last(s1, s2, s3, s0) ^ rk[1], last(s2, s3, s0, s1) ^ rk[2],
-          last(s3, s0, s1, s2) ^ rk[3]};
+  return Rounds<1>(s, rk, rounds, te, sbox);
 }
 
 inline Columns DecryptColumns(Columns s, const std::uint32_t* rk, int rounds,
                               const std::uint32_t (*td)[256],
                               const std::uint8_t* inverseSbox) noexcept {
-  const std::uint32_t* td0 = td[0];
-  const std::uint32_t* td1 = td[1];
-  const std::uint32_t* td2 = td[2];
-  const std::uint32_t* td3 = td[3];
-  std::uint32_t s0 = s.c0 ^ rk[0], s1 = s.c1 ^ rk[1], s2 = s.c2 ^ rk[2], s3 = s.c3 ^ rk[3];
-  for (int round = 1; round < rounds; ++round) {
-    rk += 4;
-    std::uint32_t t0 =
-        td0[s0 >> 24] ^ td1[Byte(s3, 16)] ^ td2[Byte(s2, 8)] ^ td3[s1 & 0xFF] ^ rk[0];
-    std::uint32_t t1 =
-        td0[s1 >> 24] ^ td1[Byte(s0, 16)] ^ td2[Byte(s3, 8)] ^ td3[s2 & 0xFF] ^ rk[1];
-    std::uint32_t t2 =
-        td0[s2 >> 24] ^ td1[Byte(s1, 16)] ^ td2[Byte(s0, 8)] ^ td3[s3 & 0xFF] ^ rk[2];
-    std::uint32_t t3 =
-        td0[s3 >> 24] ^ td1[Byte(s2, 16)] ^ td2[Byte(s1, 8)] ^ td3[s0 & 0xFF] ^ rk[3];
-    s0 = t0;
-    s1 = t1;
-    s2 = t2;
-    s3 = t3;
-  }
-  rk += 4;
-  auto last = [inverseSbox](std::uint32_t a, std::uint32_t b, std::uint32_t c, std::uint32_t d) {
-    return (std::uint32_t{inverseSbox[a >> 24]} << 24) |
-           (std::uint32_t{inverseSbox[Byte(b, 16)]} << 16) |
-           (std::uint32_t{inverseSbox[Byte(c, 8)]} << 8) | std::uint32_t{inverseSbox[d & 0xFF]};
-  };
-  return {last(s0, s3, s2, s1) ^ rk[0], last(s1, s0, s3, s2) ^ rk[1], last(s2, s1, s0, s3) ^ rk[2],
-          last(s3, s2, s1, s0) ^ rk[3]};
+  return Rounds<3>(s, rk, rounds, td, inverseSbox);
 }
 
 inline Columns Load(const std::uint8_t* p) noexcept {
@@ -213,10 +189,7 @@ inline Columns Load(const std::uint8_t* p) noexcept {
 }
 
 inline void Store(std::uint8_t* p, Columns s) noexcept {
-  StoreBe32(p, s.c0);
-  StoreBe32(p + 4, s.c1);
-  StoreBe32(p + 8, s.c2);
-  StoreBe32(p + 12, s.c3);
+  for (int c = 0; c < 4; ++c) StoreBe32(p + 4 * c, s[c]);
 }
 
 }  // namespace
@@ -233,9 +206,9 @@ void Aes::EncryptCbc(std::uint8_t* chain, const std::uint8_t* in, std::uint8_t* 
                      std::size_t blocks) const noexcept {
   Columns c = Load(chain);
   for (std::size_t i = 0; i < blocks; ++i, in += kAesBlockSize, out += kAesBlockSize) {
-    Columns p = Load(in);
-    c = EncryptColumns({p.c0 ^ c.c0, p.c1 ^ c.c1, p.c2 ^ c.c2, p.c3 ^ c.c3}, encryptKey_, rounds_,
-                       encryptTable_, sbox_);
+    const Columns p = Load(in);
+    for (int k = 0; k < 4; ++k) c[k] ^= p[k];
+    c = EncryptColumns(c, encryptKey_, rounds_, encryptTable_, sbox_);
     Store(out, c);
   }
   Store(chain, c);
@@ -248,7 +221,8 @@ void Aes::DecryptCbc(std::uint8_t* chain, const std::uint8_t* in, std::uint8_t* 
     // Read the cipher block before writing, so that in-place decryption keeps its chain.
     Columns cipher = Load(in);
     Columns p = DecryptColumns(cipher, decryptKey_, rounds_, decryptTable_, inverseSbox_);
-    Store(out, {p.c0 ^ previous.c0, p.c1 ^ previous.c1, p.c2 ^ previous.c2, p.c3 ^ previous.c3});
+    for (int k = 0; k < 4; ++k) p[k] ^= previous[k];
+    Store(out, p);
     previous = cipher;
   }
   Store(chain, previous);
