@@ -219,14 +219,7 @@ ResultCode MemoryStream::ReleaseRecord() noexcept {
 }
 
 StreamPtr MemoryStream::Clone(ResultCode* error) const noexcept {
-  if (record_ == nullptr) {
-    if (error != nullptr) *error = kErrNotInitialized;
-    return nullptr;
-  }
-  auto* clone = new (std::nothrow) MemoryStream(record_);
-  if (error != nullptr) *error = clone != nullptr ? kOk : kErrOutOfMemory;
-  if (clone != nullptr) clone->position_ = position_;
-  return StreamPtr(clone);
+  return CloneAs<MemoryStream>(error);
 }
 
 bool MemoryStream::IsSameFile(const Stream& other) const noexcept {
@@ -251,14 +244,7 @@ void SharedMemoryStream::Attach(MemoryRecord* record) noexcept {
 }
 
 StreamPtr SharedMemoryStream::Clone(ResultCode* error) const noexcept {
-  if (record_ == nullptr) {
-    if (error != nullptr) *error = kErrNotInitialized;
-    return nullptr;
-  }
-  auto* clone = new (std::nothrow) SharedMemoryStream(record_);
-  if (error != nullptr) *error = clone != nullptr ? kOk : kErrOutOfMemory;
-  if (clone != nullptr) clone->position_ = position_;
-  return StreamPtr(clone);
+  return CloneAs<SharedMemoryStream>(error);
 }
 
 }  // namespace mrwl

@@ -16,7 +16,6 @@ namespace {
 namespace fs = std::filesystem;
 using Lines = std::vector<std::string>;
 
-std::string Narrow(std::u16string_view text) { return WideToUtf8(text); }
 std::u16string Wide(const std::string& text) { return std::u16string(Utf8ToWide(text).view()); }
 
 // A scratch folder, the environment the shell helpers read, and scripts that stand in for the
@@ -97,7 +96,7 @@ TEST(GetPathExtension, SearchesTheFinalNameOnly) {
       {u"", false, u""},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(Narrow(c.path));
+    SCOPED_TRACE(WideToUtf8(c.path));
     std::size_t length = 99;
     const char16_t* extension = GetPathExtension(c.path.c_str(), c.path.size(), &length);
     ASSERT_EQ(extension != nullptr, c.found);
@@ -124,7 +123,7 @@ TEST(GetParentFolder, KeepsTheFinalSeparator) {
       {u"", false, u""},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(Narrow(c.path));
+    SCOPED_TRACE(WideToUtf8(c.path));
     WideString parent(u"old");
     EXPECT_EQ(GetParentFolder(c.path.c_str(), c.path.size(), parent), c.found);
     EXPECT_EQ(parent.view(), c.parent);
@@ -154,7 +153,7 @@ TEST(CombinePath, JoinsAndRemovesDotSegments) {
       {u"x/../../y", u"", u"../y"},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(Narrow(c.relative) + " on " + Narrow(c.base));
+    SCOPED_TRACE(WideToUtf8(c.relative) + " on " + WideToUtf8(c.base));
     WideString result;
     EXPECT_TRUE(CombinePath(c.relative, c.base, result));
     EXPECT_EQ(result.view(), c.combined);
@@ -205,7 +204,7 @@ TEST_F(PathsTest, ForbiddenCharactersAreRefusedBeforeTheDisk) {
 TEST(KnownSchemes, HoldsSixtyFourSortedNames) {
   EXPECT_EQ(KnownSchemes.size(), 64u);
   for (std::size_t i = 1; i < KnownSchemes.size(); ++i) {
-    SCOPED_TRACE(Narrow(KnownSchemes[i]));
+    SCOPED_TRACE(WideToUtf8(KnownSchemes[i]));
     EXPECT_LT(CompareNoCase(KnownSchemes[i - 1], KnownSchemes[i]), 0);
   }
   for (std::u16string_view scheme : KnownSchemes) EXPECT_TRUE(IsKnownScheme(scheme));
@@ -256,7 +255,7 @@ TEST_F(PathsTest, ClassifyLocationCoversEveryBranch) {
       {u"news:\u0370x", LocationKind::kScheme, u"news"},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(Narrow(c.text));
+    SCOPED_TRACE(WideToUtf8(c.text));
     WideString scheme(u"untouched");
     EXPECT_EQ(ClassifyLocation(c.text, &scheme), c.kind);
     EXPECT_EQ(scheme.view(), HasScheme(c.kind) ? c.scheme : u"untouched");
@@ -359,7 +358,7 @@ TEST_F(PathsTest, DefaultCommandNamesTheProgram) {
   UseDefaultBrowser(browser);
   WideString program;
   EXPECT_TRUE(GetDefaultCommand(u"http", program));
-  EXPECT_EQ(Narrow(program.view()), browser);
+  EXPECT_EQ(WideToUtf8(program.view()), browser);
   EXPECT_FALSE(GetDefaultCommand(u"gopher", program));
   EXPECT_TRUE(program.IsEmpty());
 }
@@ -370,10 +369,10 @@ TEST_F(PathsTest, TempFolderEndsInTheSeparator) {
   tmpdir_.Set(temp_.path().string());
   WideString folder;
   ASSERT_TRUE(GetTempFolder(folder));
-  EXPECT_EQ(Narrow(folder.view()), temp_.path().string() + "/");
+  EXPECT_EQ(WideToUtf8(folder.view()), temp_.path().string() + "/");
   tmpdir_.Set(temp_.path().string() + "/");
   ASSERT_TRUE(GetTempFolder(folder));
-  EXPECT_EQ(Narrow(folder.view()), temp_.path().string() + "/");
+  EXPECT_EQ(WideToUtf8(folder.view()), temp_.path().string() + "/");
 }
 
 TEST_F(PathsTest, LowIntegrityFolderLiesBelowLocalData) {
@@ -402,13 +401,13 @@ TEST_F(PathsTest, TempFolderHookMayWrapTheBuiltIn) {
   WideString folder;
   EXPECT_EQ(SetTempFolderHook(&SubfolderHook), nullptr);
   ASSERT_TRUE(GetTempFolder(folder));
-  EXPECT_EQ(Narrow(folder.view()), temp_.path().string() + "/hooked/");
+  EXPECT_EQ(WideToUtf8(folder.view()), temp_.path().string() + "/hooked/");
   EXPECT_EQ(SetTempFolderHook(&FailingHook), &SubfolderHook);
   EXPECT_FALSE(GetTempFolder(folder));
   EXPECT_TRUE(folder.IsEmpty());
   EXPECT_EQ(SetTempFolderHook(nullptr), &FailingHook);
   ASSERT_TRUE(GetTempFolder(folder));
-  EXPECT_EQ(Narrow(folder.view()), temp_.path().string() + "/");
+  EXPECT_EQ(WideToUtf8(folder.view()), temp_.path().string() + "/");
 }
 
 TEST(IsRunningOnWine, AnswersTheSameEveryTime) {

@@ -337,6 +337,19 @@ class MemoryStream : public Stream {
   void ResetPosition() noexcept override { position_ = 0; }
 
  protected:
+  // A new stream of type T on this record at this position, for Clone of either memory kind.
+  template <typename T>
+  [[nodiscard]] StreamPtr CloneAs(ResultCode* error) const noexcept {
+    if (record_ == nullptr) {
+      if (error != nullptr) *error = kErrNotInitialized;
+      return nullptr;
+    }
+    auto* clone = new (std::nothrow) T(record_);
+    if (error != nullptr) *error = clone != nullptr ? kOk : kErrOutOfMemory;
+    if (clone != nullptr) clone->position_ = position_;
+    return StreamPtr(clone);
+  }
+
   MemoryRecord* record_ = nullptr;
   std::int64_t position_ = 0;
 };
