@@ -26,7 +26,8 @@ mrwl_require_packages() {
   fi
 }
 
-MRWL_BUILD_PACKAGES=(cmake ninja-build g++ pkg-config libgtest-dev libbenchmark-dev libssl-dev)
+MRWL_BUILD_PACKAGES=(cmake ninja-build g++ pkg-config libgtest-dev libbenchmark-dev libssl-dev
+  libsqlite3-dev libcli11-dev)
 
 # Configures and builds one folder: mrwl_build DIR [cmake options...]
 mrwl_build() {

@@ -25,27 +25,20 @@
 #include <unistd.h>
 
 #include "platform/kernel.h"
+#include "platform/posix/handle_object.h"
 #include "platform/posix/posix_util.h"
 
 namespace mrwl::platform {
 namespace {
 
-constexpr std::uint32_t kHandleMagic = 0x4D524846u;  // tells our objects from stray pointers
 // Not a Windows access right of the callers; marks a handle that will delete its file, which
 // other handles must permit with FILE_SHARE_DELETE just as Windows' DELETE right demands.
 constexpr DWORD kDeleteRight = 0x00010000u;
 
-enum class HandleKind { kFile, kEvent, kFind };
-
-struct HandleObject {
-  explicit HandleObject(HandleKind k) noexcept : kind(k) {}
-  virtual ~HandleObject() { magic = 0; }
-  HandleObject(const HandleObject&) = delete;
-  HandleObject& operator=(const HandleObject&) = delete;
-
-  std::uint32_t magic = kHandleMagic;
-  HandleKind kind;
-};
+using posix::As;
+using posix::HandleKind;
+using posix::HandleObject;
+using posix::kHandleMagic;
 
 struct FileKey {
   dev_t dev = 0;
@@ -105,14 +98,6 @@ struct ShareTable {
 ShareTable& Table() {
   static ShareTable* table = new ShareTable;
   return *table;
-}
-
-template <typename T>
-T* As(HANDLE handle, HandleKind kind) noexcept {
-  if (handle == nullptr || handle == INVALID_HANDLE_VALUE) return nullptr;
-  auto* object = static_cast<HandleObject*>(handle);
-  if (object->magic != kHandleMagic || object->kind != kind) return nullptr;
-  return static_cast<T*>(object);
 }
 
 BOOL Fail(DWORD error) noexcept {
@@ -455,7 +440,9 @@ BOOL CloseHandle(HANDLE handle) noexcept {
       delete static_cast<EventObject*>(object);
       break;
     case HandleKind::kFind:
-      delete static_cast<FindObject*>(object);
+    case HandleKind::kTransaction:
+      // Each of these undoes its own work in its destructor; a transaction rolls back there.
+      delete object;
       break;
   }
   return TRUE;

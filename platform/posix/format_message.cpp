@@ -93,6 +93,20 @@ constexpr SystemMessage kSystemMessages[] = {
     {997, u"Overlapped I/O operation is in progress."},
     {998, u"Invalid access to memory location."},
     {1004, u"Invalid flags."},
+    {1009, u"The configuration registry database is corrupt."},
+    {1010, u"The configuration registry key is invalid."},
+    {1011, u"The configuration registry key could not be opened."},
+    {1012, u"The configuration registry key could not be read."},
+    {1013, u"The configuration registry key could not be written."},
+    {1015,
+     u"The registry is corrupted. The structure of one of the files containing registry data is "
+     u"corrupted, or the system's memory image of the file is corrupted, or the file could not "
+     u"be recovered because the alternate copy or log was absent or corrupted."},
+    {1016,
+     u"An I/O operation initiated by the registry failed unrecoverably. The registry could not "
+     u"read in, or write out, or flush, one of the files that contain the system's image of the "
+     u"registry."},
+    {1018, u"Illegal operation attempted on a registry key that has been marked for deletion."},
     {1113, u"No mapping for the Unicode character exists in the target multi-byte code page."},
     {1142, u"An attempt was made to create more links on a file than the file system supports."},
     {1155, u"No application is associated with the specified file for this operation."},
@@ -103,6 +117,17 @@ constexpr SystemMessage kSystemMessages[] = {
     {1815, u"The specified resource language ID cannot be found in the image file."},
     {1921, u"The name of the file cannot be resolved by the system."},
     {4390, u"The file or directory is not a reparse point."},
+    {6701,
+     u"The requested operation was made in the context of a transaction that is no longer "
+     u"active."},
+    {6704,
+     u"It is too late to perform the requested operation, since the Transaction has already "
+     u"been aborted."},
+    {6705,
+     u"It is too late to perform the requested operation, since the Transaction has already "
+     u"been committed."},
+    {6800,
+     u"The function attempted to use a name that is reserved for use by another transaction."},
     // COM and security codes that have no Win32 number behind them.
     {0x80004001u, u"Not implemented"},
     {0x80004002u, u"No such interface supported"},
