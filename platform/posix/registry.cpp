@@ -3,9 +3,12 @@
 // Layout. `keys` holds one row per key: its parent's id, its name as written and its folded name
 // (upper-cased, UTF-16 big-endian, so that byte order is the order of Windows' case-blind
 // comparison), its class and its last-write time. `vals` holds the values, keyed by key and folded
-// name, with a sequence number that keeps the order in which they were first written. `clock`
-// holds the last stamp handed out: every write takes max(now, last + 1) inside its own SQLite
-// transaction, so stamps strictly increase across all processes that share the file. Names are
+// name, with a sequence number that keeps the order in which they were first written. The row of
+// id 0 is no key but the hive's clock: its `written` is the last stamp handed out, and every write
+// takes max(now, last + 1) inside its own SQLite transaction, so stamps strictly increase across
+// all processes that share the file. It lives among the keys rather than in a table of its own
+// because a write then touches one page fewer, and the pages a commit appends to the journal are
+// most of what a write costs. Names are
 // stored as raw UTF-16 so that any code unit, an unpaired surrogate included, survives.
 //
 // Every write through a plain key is one IMMEDIATE transaction, committed before the call
@@ -236,6 +239,15 @@ class Connection {
 
   int Exec(const char* sql) noexcept { return sqlite3_exec(db_, sql, nullptr, nullptr, nullptr); }
 
+  // Runs one statement without results through the cache: BEGIN, COMMIT and their kin come
+  // with every call, and parsing them anew each time would cost as much as the work itself.
+  int Do(const char* sql) {
+    Statement s = Prepare(sql);
+    if (!s.ok()) return sqlite3_errcode(db_);
+    const int rc = s.Step();
+    return rc == SQLITE_DONE || rc == SQLITE_ROW ? SQLITE_OK : rc;
+  }
+
   // Turns an SQLite failure into a Windows error, noting what it means for the hive.
   DWORD Fail(int rc) {
     const DWORD error = ErrorOf(rc);
@@ -314,9 +326,8 @@ CREATE TABLE vals(
   data BLOB NOT NULL,
   PRIMARY KEY(key, fold)) WITHOUT ROWID;
 CREATE INDEX vals_in_order ON vals(key, seq);
-CREATE TABLE clock(id INTEGER PRIMARY KEY CHECK(id = 1), last INTEGER NOT NULL);
-INSERT INTO clock VALUES(1, 0);
 INSERT INTO keys(id, parent, name, fold, class, written) VALUES
+  (0, -1, X'', X'', X'', 0),
   (1, 0, X'', X'01', X'', 0), (2, 0, X'', X'02', X'', 0), (3, 0, X'', X'03', X'', 0);
 )sql";
 
@@ -565,28 +576,28 @@ DWORD Run(const KeyRef& ref, bool write, Body&& body) {
     if (!ref.txn->begun) {
       // The write lock is taken at once: a transaction that read first and wrote later could
       // otherwise find its snapshot outdated and fail at its first write.
-      if (const int rc = connection->Exec("BEGIN IMMEDIATE"); rc != SQLITE_OK) {
+      if (const int rc = connection->Do("BEGIN IMMEDIATE"); rc != SQLITE_OK) {
         return connection->Fail(rc);
       }
       ref.txn->begun = true;
     }
     if (!write) return body(*connection);
-    if (const int rc = connection->Exec("SAVEPOINT op"); rc != SQLITE_OK) {
+    if (const int rc = connection->Do("SAVEPOINT op"); rc != SQLITE_OK) {
       return connection->Fail(rc);
     }
     const DWORD error = body(*connection);
-    if (error != ERROR_SUCCESS) connection->Exec("ROLLBACK TO op");
-    connection->Exec("RELEASE op");
+    if (error != ERROR_SUCCESS) connection->Do("ROLLBACK TO op");
+    connection->Do("RELEASE op");
     return error;
   }
-  if (const int rc = connection->Exec(write ? "BEGIN IMMEDIATE" : "BEGIN"); rc != SQLITE_OK) {
+  if (const int rc = connection->Do(write ? "BEGIN IMMEDIATE" : "BEGIN"); rc != SQLITE_OK) {
     return connection->Fail(rc);
   }
   DWORD error = body(*connection);
   if (error == ERROR_SUCCESS) {
-    if (const int rc = connection->Exec("COMMIT"); rc != SQLITE_OK) error = connection->Fail(rc);
+    if (const int rc = connection->Do("COMMIT"); rc != SQLITE_OK) error = connection->Fail(rc);
   }
-  if (error != ERROR_SUCCESS) connection->Exec("ROLLBACK");
+  if (error != ERROR_SUCCESS) connection->Do("ROLLBACK");
   return error;
 }
 
@@ -608,7 +619,8 @@ DWORD NextStamp(Connection& c, std::int64_t& stamp) {
   GetSystemTimeAsFileTime(&now);
   const auto nowValue = static_cast<std::int64_t>(
       (static_cast<ULONGLONG>(now.dwHighDateTime) << 32) | now.dwLowDateTime);
-  Statement s = c.Prepare("UPDATE clock SET last = max(last + 1, ?1) WHERE id = 1 RETURNING last");
+  Statement s =
+      c.Prepare("UPDATE keys SET written = max(written + 1, ?1) WHERE id = 0 RETURNING written");
   if (!s.ok()) return c.Fail(SQLITE_ERROR);
   const int rc = s.Bind(1, nowValue).Step();
   if (rc != SQLITE_ROW) return c.Fail(rc == SQLITE_DONE ? SQLITE_CORRUPT : rc);
@@ -1147,9 +1159,9 @@ BOOL EndTransaction(HANDLE transaction, bool commit) noexcept {
   DWORD error = ERROR_SUCCESS;
   if (core.connection != nullptr && core.begun) {
     std::lock_guard<std::mutex> connectionLock(core.connection->mutex);
-    if (const int rc = core.connection->Exec(commit ? "COMMIT" : "ROLLBACK"); rc != SQLITE_OK) {
+    if (const int rc = core.connection->Do(commit ? "COMMIT" : "ROLLBACK"); rc != SQLITE_OK) {
       error = core.connection->Fail(rc);
-      core.connection->Exec("ROLLBACK");
+      core.connection->Do("ROLLBACK");
     }
     core.begun = false;
   }
