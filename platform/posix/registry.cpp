@@ -281,6 +281,14 @@ class Connection {
   static bool Failed(int rc) noexcept { return rc != SQLITE_ROW && rc != SQLITE_DONE; }
 
   [[nodiscard]] int Changes() const noexcept { return sqlite3_changes(db_); }
+
+  // Tells one state of the hive from another, as far as this connection can see: the data
+  // version moves with commits of other connections, `writes` with those of this one.
+  [[nodiscard]] std::int64_t DataVersion() {
+    Statement s = Prepare("PRAGMA data_version");
+    return s.ok() && s.Step() == SQLITE_ROW ? s.Int(0) : -1;
+  }
+  std::uint64_t writes = 0;
   [[nodiscard]] std::int64_t LastInsertId() const noexcept {
     return sqlite3_last_insert_rowid(db_);
   }
@@ -504,12 +512,26 @@ struct TransactionObject final : HandleObject {
   std::shared_ptr<TxnCore> core;
 };
 
+// Where the last enumeration by index on a handle stood. Asked for the next index while the
+// hive is unchanged, the enumeration continues behind the last sort key instead of counting from
+// the start, which makes walking a key of n entries linear rather than quadratic.
+struct EnumCursor {
+  const void* connection = nullptr;
+  std::uint64_t writes = 0;
+  std::int64_t version = -1;
+  DWORD index = 0;
+  std::int64_t seq = 0;  // values: the sequence number of the entry at `index`
+  std::string fold;      // subkeys: the folded name of the entry at `index`
+};
+
 struct KeyObject {
   std::uint32_t magic = kKeyMagic;
   std::shared_ptr<Hive> hive;
   std::shared_ptr<TxnCore> txn;
   std::int64_t id = 0;
   REGSAM access = 0;
+  EnumCursor keys;
+  EnumCursor values;
   ~KeyObject() { magic = 0; }
 };
 
@@ -528,6 +550,7 @@ struct KeyRef {
   std::shared_ptr<TxnCore> txn;
   std::int64_t id = 0;
   REGSAM access = 0;
+  KeyObject* object = nullptr;  // null for a predefined root
 };
 
 DWORD Resolve(HKEY key, KeyRef& ref) {
@@ -543,6 +566,7 @@ DWORD Resolve(HKEY key, KeyRef& ref) {
   ref.txn = object->txn;
   ref.id = object->id;
   ref.access = object->access;
+  ref.object = object;
   return ERROR_SUCCESS;
 }
 
@@ -582,6 +606,7 @@ DWORD Run(const KeyRef& ref, bool write, Body&& body) {
       ref.txn->begun = true;
     }
     if (!write) return body(*connection);
+    ++connection->writes;
     if (const int rc = connection->Do("SAVEPOINT op"); rc != SQLITE_OK) {
       return connection->Fail(rc);
     }
@@ -590,6 +615,7 @@ DWORD Run(const KeyRef& ref, bool write, Body&& body) {
     connection->Do("RELEASE op");
     return error;
   }
+  if (write) ++connection->writes;
   if (const int rc = connection->Do(write ? "BEGIN IMMEDIATE" : "BEGIN"); rc != SQLITE_OK) {
     return connection->Fail(rc);
   }
@@ -743,6 +769,22 @@ DWORD CopyData(const void* data, std::size_t size, BYTE* buffer, DWORD* capacity
 
 FILETIME SplitStamp(std::int64_t stamp) {
   return posix::SplitFileTime(static_cast<ULONGLONG>(stamp));
+}
+
+// Whether an enumeration on `c` may go on behind `cursor` to `index`: the same index again or
+// the next one, with the hive as it was. `version` is the connection's data version now.
+bool CanContinue(const EnumCursor* cursor, const Connection& c, DWORD index, std::int64_t version) {
+  return cursor != nullptr && cursor->connection == &c && cursor->writes == c.writes &&
+         cursor->version == version && version >= 0 &&
+         (index == cursor->index || index == cursor->index + 1);
+}
+
+void Remember(EnumCursor* cursor, const Connection& c, DWORD index, std::int64_t version) {
+  if (cursor == nullptr) return;
+  cursor->connection = &c;
+  cursor->writes = c.writes;
+  cursor->version = version;
+  cursor->index = index;
 }
 
 // The common part of RegCreateKeyExW and RegCreateKeyTransactedW.
@@ -999,12 +1041,30 @@ LSTATUS RegEnumKeyExW(HKEY key, DWORD index, char16_t* name, DWORD* nameLength, 
     if (const DWORD error = Resolve(key, ref); error != ERROR_SUCCESS) return error;
     if (!(ref.access & KEY_ENUMERATE_SUB_KEYS)) return ERROR_ACCESS_DENIED;
     if (nameLength == nullptr) return ERROR_INVALID_PARAMETER;
+    EnumCursor* cursor = ref.object != nullptr ? &ref.object->keys : nullptr;
     return Run(ref, false, [&](Connection& c) -> DWORD {
+      const std::int64_t version = c.DataVersion();
+      const bool next = CanContinue(cursor, c, index, version);
       Statement s = c.Prepare(
-          "SELECT name, class, written FROM keys WHERE parent = ?1 ORDER BY fold LIMIT 1 OFFSET "
-          "?2");
+          !next ? "SELECT name, class, written, fold FROM keys WHERE parent = ?1"
+                  " ORDER BY fold LIMIT 1 OFFSET ?2"
+          : index == cursor->index
+              ? "SELECT name, class, written, fold FROM keys WHERE parent = ?1 AND fold >= ?2"
+                " ORDER BY fold LIMIT 1"
+              : "SELECT name, class, written, fold FROM keys WHERE parent = ?1 AND fold > ?2"
+                " ORDER BY fold LIMIT 1");
       if (!s.ok()) return c.Fail(SQLITE_ERROR);
-      const int rc = s.Bind(1, ref.id).Bind(2, static_cast<std::int64_t>(index)).Step();
+      s.Bind(1, ref.id);
+      if (next) {
+        s.Bind(2, cursor->fold);
+      } else {
+        s.Bind(2, static_cast<std::int64_t>(index));
+      }
+      const int rc = s.Step();
+      if (rc == SQLITE_ROW && cursor != nullptr) {
+        Remember(cursor, c, index, version);
+        cursor->fold.assign(static_cast<const char*>(s.Blob(3)), s.Size(3));
+      }
       if (rc == SQLITE_DONE) {
         const DWORD error = KeyExists(c, ref.id);
         return error == ERROR_SUCCESS ? ERROR_NO_MORE_ITEMS : error;
@@ -1032,11 +1092,24 @@ LSTATUS RegEnumValueW(HKEY key, DWORD index, char16_t* name, DWORD* nameLength, 
     if (nameLength == nullptr || (data != nullptr && size == nullptr)) {
       return ERROR_INVALID_PARAMETER;
     }
+    EnumCursor* cursor = ref.object != nullptr ? &ref.object->values : nullptr;
     return Run(ref, false, [&](Connection& c) -> DWORD {
-      Statement s = c.Prepare(
-          "SELECT name, type, data FROM vals WHERE key = ?1 ORDER BY seq LIMIT 1 OFFSET ?2");
+      const std::int64_t version = c.DataVersion();
+      const bool next = CanContinue(cursor, c, index, version);
+      Statement s =
+          c.Prepare(next ? "SELECT name, type, data, seq FROM vals WHERE key = ?1 AND seq >= ?2"
+                           " ORDER BY seq LIMIT 1"
+                         : "SELECT name, type, data, seq FROM vals WHERE key = ?1"
+                           " ORDER BY seq LIMIT 1 OFFSET ?2");
       if (!s.ok()) return c.Fail(SQLITE_ERROR);
-      const int rc = s.Bind(1, ref.id).Bind(2, static_cast<std::int64_t>(index)).Step();
+      const std::int64_t from = !next                    ? static_cast<std::int64_t>(index)
+                                : index == cursor->index ? cursor->seq
+                                                         : cursor->seq + 1;
+      const int rc = s.Bind(1, ref.id).Bind(2, from).Step();
+      if (rc == SQLITE_ROW && cursor != nullptr) {
+        Remember(cursor, c, index, version);
+        cursor->seq = s.Int(3);
+      }
       if (rc == SQLITE_DONE) {
         const DWORD error = KeyExists(c, ref.id);
         return error == ERROR_SUCCESS ? ERROR_NO_MORE_ITEMS : error;

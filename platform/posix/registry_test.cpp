@@ -225,6 +225,48 @@ TEST_F(RegistryTest, ValuesEnumerateInTheOrderOfTheirFirstWrite) {
   EXPECT_EQ(4u, value);
 }
 
+// Walking by index continues behind the last entry while nothing changes; any change, by this
+// connection or another one, makes the index count from the start again, as Windows counts.
+TEST_F(RegistryTest, EnumerationByIndexSeesChangesMadeMeanwhile) {
+  HKEY key = Create(u"Walk");
+  for (const char16_t* name : {u"v0", u"v1", u"v2", u"v3", u"v4"}) SetDword(key, name, 0);
+  for (const char16_t* name : {u"k0", u"k1", u"k2", u"k3"})
+    Create((u"Walk\\" + std::u16string(name)).c_str());
+  const auto valueAt = [&](DWORD index) {
+    char16_t name[16];
+    DWORD length = 16;
+    const LSTATUS rc = RegEnumValueW(key, index, name, &length, nullptr, nullptr, nullptr, nullptr);
+    return rc == ERROR_SUCCESS ? std::u16string(name) : u"error";
+  };
+  const auto keyAt = [&](DWORD index) {
+    char16_t name[16];
+    DWORD length = 16;
+    const LSTATUS rc = RegEnumKeyExW(key, index, name, &length, nullptr, nullptr, nullptr, nullptr);
+    return rc == ERROR_SUCCESS ? std::u16string(name) : u"error";
+  };
+  EXPECT_EQ(u"v0", valueAt(0));
+  EXPECT_EQ(u"v1", valueAt(1));
+  EXPECT_EQ(u"v1", valueAt(1)) << "asking again gives the same entry";
+  ASSERT_EQ(ERROR_SUCCESS, RegDeleteValueW(key, u"v0"));
+  EXPECT_EQ(u"v3", valueAt(2)) << "index 2 of what is there now";
+  EXPECT_EQ(u"v4", valueAt(3));
+
+  EXPECT_EQ(u"k0", keyAt(0));
+  EXPECT_EQ(u"k1", keyAt(1));
+  // A commit of another connection: a transaction has one of its own.
+  HANDLE txn = CreateTransaction(nullptr, nullptr, 0, 0, 0, INFINITE, nullptr);
+  HKEY other = nullptr;
+  ASSERT_EQ(ERROR_SUCCESS,
+            RegCreateKeyTransactedW(HKEY_CURRENT_USER, u"Walk", 0, nullptr, 0, KEY_ALL_ACCESS,
+                                    nullptr, &other, nullptr, txn, nullptr));
+  ASSERT_EQ(ERROR_SUCCESS, RegDeleteTreeW(other, u"k0"));
+  RegCloseKey(other);
+  ASSERT_TRUE(CommitTransaction(txn));
+  CloseHandle(txn);
+  EXPECT_EQ(u"k3", keyAt(2));
+  EXPECT_EQ(u"error", keyAt(3));
+}
+
 TEST_F(RegistryTest, QueryInfoCountsAndMeasures) {
   HKEY key = Create(u"Info");
   HKEY child = nullptr;
