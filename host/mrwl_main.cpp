@@ -1,11 +1,16 @@
-// mrwl: the Linux host. For now it runs the foundation's self-check: the services that every later
-// step of a conversion stands on, exercised end to end on this machine.
+// mrwl: the Linux host. `mrwl selfcheck` (also what a bare `mrwl` runs) exercises the services that
+// every later step of a conversion stands on, end to end on this machine; `mrwl reg` reads and
+// edits the registry hive, `mrwl settings` the add-in's settings in it.
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
+
+#include <CLI/CLI.hpp>
 
 #include "foundation/codecs.h"
 #include "foundation/memory.h"
@@ -13,6 +18,8 @@
 #include "foundation/result_codes.h"
 #include "foundation/stream.h"
 #include "foundation/wide_string.h"
+#include "host/reg_command.h"
+#include "host/settings_command.h"
 #include "platform/files.h"
 
 namespace mrwl {
@@ -64,7 +71,8 @@ void CheckSealedFileRoundTrip() {
     rc = buffer.Open(0, 0);
     if (Succeeded(rc)) rc = buffer.Write(sealed.c_str(), bytes, &done);
     DiskFileStream file;
-    if (Succeeded(rc)) rc = file.Open(path, CREATE_ALWAYS, 3, FILE_SHARE_READ, FILE_ATTRIBUTE_NORMAL);
+    if (Succeeded(rc))
+      rc = file.Open(path, CREATE_ALWAYS, 3, FILE_SHARE_READ, FILE_ATTRIBUTE_NORMAL);
     if (Succeeded(rc)) rc = file.Write(buffer.GetData(), bytes, &done);
     if (Succeeded(rc)) rc = file.Close();
     Report(Succeeded(rc) && done == bytes, "write the sealed text to disk", Sentence(rc));
@@ -132,12 +140,26 @@ int SelfCheck() {
 }  // namespace mrwl
 
 int main(int argc, char** argv) {
-  const std::string_view command = argc > 1 ? argv[1] : "selfcheck";
-  if (command == "selfcheck") return mrwl::SelfCheck();
-  if (command == "--help" || command == "-h") {
-    std::printf("usage: mrwl [selfcheck]\n");
-    return 0;
+  if (argc < 2) return mrwl::SelfCheck();
+  std::vector<std::string> args =
+      mrwl::TranslateRegSwitches(std::vector<std::string>(argv + 1, argv + argc));
+
+  CLI::App app{"Marrowline's Linux host", "mrwl"};
+  app.require_subcommand(1);
+  int status = 0;
+  // Extra words were always ignored here; the set-up script passes its own arguments on.
+  app.add_subcommand("selfcheck", "Check the foundation's services on this machine")
+      ->allow_extras()
+      ->callback([&status] { status = mrwl::SelfCheck(); });
+  mrwl::AddRegCommand(app, &status);
+  mrwl::AddSettingsCommand(app, &status);
+
+  // CLI11 takes the arguments last first.
+  std::reverse(args.begin(), args.end());
+  try {
+    app.parse(args);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? 0 : 2;
   }
-  std::fprintf(stderr, "mrwl: unknown command '%s' (try 'mrwl --help')\n", argv[1]);
-  return 2;
+  return status;
 }
