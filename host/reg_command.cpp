@@ -42,15 +42,6 @@ constexpr RegSwitch kRegSwitches[] = {
     {"d", true}, {"se", true},  {"f", false},  {"s", false},
 };
 
-bool EqualsAsciiNoCase(std::string_view a, std::string_view b) {
-  if (a.size() != b.size()) return false;
-  for (std::size_t i = 0; i < a.size(); ++i) {
-    const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; };
-    if (lower(a[i]) != lower(b[i])) return false;
-  }
-  return true;
-}
-
 const RegSwitch* FindSwitch(std::string_view token) {
   std::string_view name;
   if (token.starts_with("--")) {
@@ -639,6 +630,15 @@ CLI::App* AddVerb(CLI::App& reg, const std::string& verb, const std::string& usa
 }
 
 }  // namespace
+
+bool EqualsAsciiNoCase(std::string_view a, std::string_view b) {
+  if (a.size() != b.size()) return false;
+  for (std::size_t i = 0; i < a.size(); ++i) {
+    const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; };
+    if (lower(a[i]) != lower(b[i])) return false;
+  }
+  return true;
+}
 
 std::vector<std::string> TranslateRegSwitches(std::vector<std::string> args) {
   if (args.empty() || !EqualsAsciiNoCase(args[0], "reg")) return args;

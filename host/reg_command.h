@@ -6,24 +6,16 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "platform/registry.h"
-#include "platform/unique_any.h"
 
 namespace CLI {
 class App;
 }
 
 namespace mrwl {
-
-struct RegKeyTraits {
-  using Type = HKEY;
-  static Type Invalid() noexcept { return nullptr; }
-  static void Close(Type key) noexcept { (void)platform::RegCloseKey(key); }
-};
-// An open registry key, closed when the owner goes.
-using UniqueRegKey = UniqueAny<RegKeyTraits>;
 
 // Rewrites the Windows-style switches of a `reg` command line (`args` without the program name,
 // starting with "reg") into the options that AddRegCommand declares. Only tokens in switch
@@ -35,6 +27,10 @@ using UniqueRegKey = UniqueAny<RegKeyTraits>;
 // stores its exit status in `*status`: 0 on success, 1 on any failure, which it has reported on
 // standard error. `status` must outlive the parse of `app`.
 void AddRegCommand(CLI::App& app, int* status);
+
+// Whether two texts are equal when ASCII letters are compared without regard to case, as the
+// host compares switch, root and setting names.
+[[nodiscard]] bool EqualsAsciiNoCase(std::string_view a, std::string_view b);
 
 // Writes "ERROR: " and the system's text of the registry error `error` to standard error, and on
 // the next line what is wrong with the hive file when the registry found a fault in it.

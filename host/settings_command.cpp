@@ -120,15 +120,6 @@ const Field kFields[] = {
     {"RunPDFParams", [](AddinSettings& s) -> FieldRef { return &s.RunApp->RunPDFParams; }},
 };
 
-bool EqualsAsciiNoCase(std::string_view a, std::string_view b) {
-  if (a.size() != b.size()) return false;
-  for (std::size_t i = 0; i < a.size(); ++i) {
-    const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; };
-    if (lower(a[i]) != lower(b[i])) return false;
-  }
-  return true;
-}
-
 const Field* FindField(std::string_view name) {
   for (const Field& field : kFields) {
     if (EqualsAsciiNoCase(field.name, name)) return &field;

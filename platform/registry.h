@@ -18,6 +18,7 @@
 #include <cstdint>
 #include <string>
 
+#include "platform/unique_any.h"
 #include "platform/win_types.h"
 
 #if !defined(_WIN32)
@@ -166,3 +167,15 @@ BOOL RollbackTransaction(HANDLE transaction) noexcept;
 [[nodiscard]] std::u16string RegHiveProblem();
 
 }  // namespace mrwl::platform
+
+namespace mrwl {
+
+struct RegKeyTraits {
+  using Type = HKEY;
+  static Type Invalid() noexcept { return nullptr; }
+  static void Close(Type key) noexcept { (void)platform::RegCloseKey(key); }
+};
+// An open registry key, closed when the owner goes.
+using UniqueRegKey = UniqueAny<RegKeyTraits>;
+
+}  // namespace mrwl

@@ -9,7 +9,6 @@
 #include "platform/com.h"
 #include "platform/files.h"
 #include "platform/registry.h"
-#include "platform/unique_any.h"
 #include "platform/win_types.h"
 
 namespace mrwl {
@@ -18,13 +17,6 @@ namespace {
 // Query, set, create subkey, enumerate, notify and read control: what a load and a save need,
 // and no more, so that a key with stricter rights can still be read.
 constexpr REGSAM kSettingsKeyAccess = 0x2001F;
-
-struct KeyTraits {
-  using Type = HKEY;
-  static Type Invalid() noexcept { return nullptr; }
-  static void Close(Type key) noexcept { (void)platform::RegCloseKey(key); }
-};
-using RegKey = UniqueAny<KeyTraits>;
 
 // The page geometry of the earlier release, in tenths of a point, in the order it is taken over.
 struct LegacyGeometryValue {
@@ -354,7 +346,7 @@ void AddinSettings::ResetSettings() {
 }
 
 void AddinSettings::LoadSettings() {
-  RegKey key;
+  UniqueRegKey key;
   // Opened, never created: a load must not leave an empty key behind.
   if (platform::RegOpenKeyExW(HKEY_CURRENT_USER, SettingsKeyPath.c_str(), 0, kSettingsKeyAccess,
                               key.put()) != ERROR_SUCCESS) {
@@ -372,7 +364,7 @@ void AddinSettings::LoadSettings() {
 }
 
 void AddinSettings::SaveSettings() {
-  RegKey key;
+  UniqueRegKey key;
   if (platform::RegCreateKeyExW(HKEY_CURRENT_USER, SettingsKeyPath.c_str(), 0, nullptr, 0,
                                 kSettingsKeyAccess, nullptr, key.put(), nullptr) != ERROR_SUCCESS) {
     return;
