@@ -582,11 +582,21 @@ HKEY NewKey(const KeyRef& ref, std::int64_t id, REGSAM access) {
   return reinterpret_cast<HKEY>(object);
 }
 
+enum class Access {
+  kWrite,   // changes the hive: all or nothing
+  kRead,    // several statements that must see one state of the hive
+  kGlance,  // reads whose statements may each see the latest state
+};
+
 // Runs `body` on the connection of `ref` under its lock. A write runs as one IMMEDIATE
 // transaction of its own, or as a savepoint inside the registry transaction, and is undone
-// whole when `body` fails; a read runs in a deferred transaction so that it sees one state.
+// whole when `body` fails; a read runs in a deferred transaction so that it sees one state. A
+// glance needs neither: a lookup that answers with one statement, and its follow-up only when
+// that found nothing, is as right with each statement on its own, and cheaper. Several
+// statements are cheaper in one transaction, which locks the file once for all of them.
 template <typename Body>
-DWORD Run(const KeyRef& ref, bool write, Body&& body) {
+DWORD Run(const KeyRef& ref, Access access, Body&& body) {
+  const bool write = access == Access::kWrite;
   tlsProblem.clear();
   Connection* connection = &ref.hive->connection;
   std::unique_lock<std::mutex> txnLock;
@@ -617,6 +627,7 @@ DWORD Run(const KeyRef& ref, bool write, Body&& body) {
     connection->Do("RELEASE op");
     return error;
   }
+  if (access == Access::kGlance) return body(*connection);
   if (write) ++connection->writes;
   if (const int rc = connection->Do(write ? "BEGIN IMMEDIATE" : "BEGIN"); rc != SQLITE_OK) {
     return connection->Fail(rc);
@@ -807,12 +818,12 @@ LSTATUS CreateKey(KeyRef ref, const char16_t* subKey, const char16_t* keyClass, 
   std::int64_t id = ref.id;
   std::size_t missing = 0;
   // Most calls open a key that exists; only a missing one needs the write lock.
-  DWORD error = Run(ref, false, [&](Connection& c) { return Walk(c, names, id, missing); });
+  DWORD error = Run(ref, Access::kRead, [&](Connection& c) { return Walk(c, names, id, missing); });
   bool created = false;
   if (error == ERROR_SUCCESS && missing < names.size()) {
     if (!(ref.access & KEY_CREATE_SUB_KEY)) return ERROR_ACCESS_DENIED;
     const std::u16string_view className = View(keyClass);
-    error = Run(ref, true, [&](Connection& c) {
+    error = Run(ref, Access::kWrite, [&](Connection& c) {
       id = ref.id;
       if (DWORD e = Walk(c, names, id, missing); e != ERROR_SUCCESS) return e;
       if (missing == names.size()) return DWORD{ERROR_SUCCESS};
@@ -881,7 +892,8 @@ LSTATUS RegOpenKeyExW(HKEY key, const char16_t* subKey, DWORD, REGSAM access,
     }
     std::int64_t id = ref.id;
     std::size_t missing = 0;
-    const DWORD error = Run(ref, false, [&](Connection& c) { return Walk(c, names, id, missing); });
+    const DWORD error =
+        Run(ref, Access::kRead, [&](Connection& c) { return Walk(c, names, id, missing); });
     if (error != ERROR_SUCCESS) return error;
     if (missing < names.size()) return ERROR_FILE_NOT_FOUND;
     *result = NewKey(ref, id, access);
@@ -946,7 +958,7 @@ LSTATUS RegQueryValueExW(HKEY key, const char16_t* name, DWORD*, DWORD* type, BY
     if (!(ref.access & KEY_QUERY_VALUE)) return ERROR_ACCESS_DENIED;
     if (data != nullptr && size == nullptr) return ERROR_INVALID_PARAMETER;
     const std::string fold = Fold(View(name));
-    return Run(ref, false, [&](Connection& c) -> DWORD {
+    return Run(ref, Access::kGlance, [&](Connection& c) -> DWORD {
       Statement s = c.Prepare("SELECT type, data FROM vals WHERE key = ?1 AND fold = ?2");
       if (!s.ok()) return c.Fail(SQLITE_ERROR);
       const int rc = s.Bind(1, ref.id).Bind(2, fold).Step();
@@ -972,7 +984,7 @@ LSTATUS RegSetValueExW(HKEY key, const char16_t* name, DWORD, DWORD type, const 
     const std::u16string_view valueName = View(name);
     if (valueName.size() > kMaxValueNameLength) return ERROR_INVALID_PARAMETER;
     const std::string fold = Fold(valueName);
-    return Run(ref, true, [&](Connection& c) -> DWORD {
+    return Run(ref, Access::kWrite, [&](Connection& c) -> DWORD {
       if (DWORD e = TouchNow(c, ref.id); e != ERROR_SUCCESS) return e;
       Statement s = c.Prepare(R"sql(
         INSERT INTO vals(key, fold, name, seq, type, data)
@@ -997,7 +1009,7 @@ LSTATUS RegDeleteValueW(HKEY key, const char16_t* name) noexcept {
     if (const DWORD error = Resolve(key, ref); error != ERROR_SUCCESS) return error;
     if (!(ref.access & KEY_SET_VALUE)) return ERROR_ACCESS_DENIED;
     const std::string fold = Fold(View(name));
-    return Run(ref, true, [&](Connection& c) -> DWORD {
+    return Run(ref, Access::kWrite, [&](Connection& c) -> DWORD {
       Statement s = c.Prepare("DELETE FROM vals WHERE key = ?1 AND fold = ?2");
       if (!s.ok()) return c.Fail(SQLITE_ERROR);
       const int rc = s.Bind(1, ref.id).Bind(2, fold).Step();
@@ -1019,7 +1031,7 @@ LSTATUS RegDeleteTreeW(HKEY key, const char16_t* subKey) noexcept {
     std::vector<std::u16string_view> names;
     if (const DWORD error = SplitPath(subKey, names); error != ERROR_SUCCESS) return error;
     if (names.empty() && !(ref.access & KEY_SET_VALUE)) return ERROR_ACCESS_DENIED;
-    return Run(ref, true, [&](Connection& c) -> DWORD {
+    return Run(ref, Access::kWrite, [&](Connection& c) -> DWORD {
       std::int64_t id = ref.id;
       std::size_t missing = 0;
       if (DWORD e = Walk(c, names, id, missing); e != ERROR_SUCCESS) return e;
@@ -1044,7 +1056,7 @@ LSTATUS RegEnumKeyExW(HKEY key, DWORD index, char16_t* name, DWORD* nameLength, 
     if (!(ref.access & KEY_ENUMERATE_SUB_KEYS)) return ERROR_ACCESS_DENIED;
     if (nameLength == nullptr) return ERROR_INVALID_PARAMETER;
     EnumCursor* cursor = ref.object != nullptr ? &ref.object->keys : nullptr;
-    return Run(ref, false, [&](Connection& c) -> DWORD {
+    return Run(ref, Access::kRead, [&](Connection& c) -> DWORD {
       const std::int64_t version = c.DataVersion();
       const bool next = CanContinue(cursor, c, index, version);
       Statement s = c.Prepare(
@@ -1095,7 +1107,7 @@ LSTATUS RegEnumValueW(HKEY key, DWORD index, char16_t* name, DWORD* nameLength, 
       return ERROR_INVALID_PARAMETER;
     }
     EnumCursor* cursor = ref.object != nullptr ? &ref.object->values : nullptr;
-    return Run(ref, false, [&](Connection& c) -> DWORD {
+    return Run(ref, Access::kRead, [&](Connection& c) -> DWORD {
       const std::int64_t version = c.DataVersion();
       const bool next = CanContinue(cursor, c, index, version);
       Statement s =
@@ -1132,7 +1144,7 @@ LSTATUS RegQueryInfoKeyW(HKEY key, char16_t* keyClass, DWORD* classLength, DWORD
     tlsProblem.clear();
     KeyRef ref;
     if (const DWORD error = Resolve(key, ref); error != ERROR_SUCCESS) return error;
-    return Run(ref, false, [&](Connection& c) -> DWORD {
+    return Run(ref, Access::kRead, [&](Connection& c) -> DWORD {
       Statement own = c.Prepare("SELECT class, written FROM keys WHERE id = ?1");
       if (!own.ok()) return c.Fail(SQLITE_ERROR);
       int rc = own.Bind(1, ref.id).Step();
@@ -1184,7 +1196,7 @@ LSTATUS RegRenameKey(HKEY key, const char16_t* subKey, const char16_t* newName) 
     std::vector<std::u16string_view> names;
     if (const DWORD error = SplitPath(subKey, names); error != ERROR_SUCCESS) return error;
     const std::string fold = Fold(target);
-    return Run(ref, true, [&](Connection& c) -> DWORD {
+    return Run(ref, Access::kWrite, [&](Connection& c) -> DWORD {
       std::int64_t id = ref.id;
       std::size_t missing = 0;
       if (DWORD e = Walk(c, names, id, missing); e != ERROR_SUCCESS) return e;
