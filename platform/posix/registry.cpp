@@ -33,6 +33,7 @@
 #include <string>
 #include <string_view>
 #include <system_error>
+#include <thread>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -297,7 +298,10 @@ class Connection {
   std::mutex mutex;
 
  private:
+  DWORD OpenOnce(const std::string& path);
   DWORD Initialize();
+  // Notes that the file is no hive of this system and answers ERROR_BADDB.
+  DWORD Foreign();
 
   sqlite3* db_ = nullptr;
   std::string path_;
@@ -314,6 +318,21 @@ bool ReadPragma(sqlite3* db, const char* sql, int& value, int& rc) {
   if (rc == SQLITE_ROW || rc == SQLITE_DONE) rc = SQLITE_OK;
   sqlite3_finalize(stmt);
   return rc == SQLITE_OK;
+}
+
+// What the header and the schema of a database say about it.
+struct HiveHeader {
+  int applicationId = 0;
+  int version = 0;
+  int objects = 0;
+};
+
+// Reads the header inside the caller's transaction, so that all three come from one state of a
+// file that another process may be making a hive at this moment.
+bool ReadHeader(sqlite3* db, HiveHeader& header, int& rc) {
+  return ReadPragma(db, "SELECT count(*) FROM sqlite_schema", header.objects, rc) &&
+         ReadPragma(db, "PRAGMA application_id", header.applicationId, rc) &&
+         ReadPragma(db, "PRAGMA user_version", header.version, rc);
 }
 
 constexpr const char* kSchema = R"sql(
@@ -339,7 +358,26 @@ INSERT INTO keys(id, parent, name, fold, class, written) VALUES
   (1, 0, X'', X'01', X'', 0), (2, 0, X'', X'02', X'', 0), (3, 0, X'', X'03', X'', 0);
 )sql";
 
+// SQLite answers "busy" at once, without waiting for its busy handler, at a few moments of
+// another process's work: while that process turns a fresh file into a WAL database or rebuilds
+// the journal index of a hive it has just opened. Such an answer is tried again, in short steps,
+// until the busy timeout has passed since the first try.
+template <typename Attempt>
+DWORD RetryWhileBusy(Attempt&& attempt) {
+  const auto deadline =
+      std::chrono::steady_clock::now() + std::chrono::milliseconds(kBusyTimeoutMs);
+  for (;;) {
+    const DWORD error = attempt();
+    if (error != ERROR_BUSY || std::chrono::steady_clock::now() >= deadline) return error;
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+}
+
 DWORD Connection::Open(const std::string& path) {
+  return RetryWhileBusy([&] { return OpenOnce(path); });
+}
+
+DWORD Connection::OpenOnce(const std::string& path) {
   Close();
   path_ = path;
   int rc =
@@ -356,10 +394,11 @@ DWORD Connection::Open(const std::string& path) {
   sqlite3_extended_result_codes(db_, 1);
   sqlite3_busy_timeout(db_, kBusyTimeoutMs);
 
-  int applicationId = 0;
-  int version = 0;
-  if (!ReadPragma(db_, "PRAGMA application_id", applicationId, rc) ||
-      !ReadPragma(db_, "PRAGMA user_version", version, rc)) {
+  HiveHeader header;
+  rc = Exec("BEGIN");
+  const bool read = rc == SQLITE_OK && ReadHeader(db_, header, rc);
+  Exec(read ? "COMMIT" : "ROLLBACK");
+  if (!read) {
     const DWORD error = Fail(rc);
     if (error == ERROR_BADDB) {
       NoteProblem(path_,
@@ -370,15 +409,12 @@ DWORD Connection::Open(const std::string& path) {
     return error;
   }
   DWORD error = ERROR_SUCCESS;
-  if (applicationId == 0) {
+  if (header.applicationId == 0 && header.objects == 0) {
     error = Initialize();
-  } else if (applicationId != kApplicationId) {
-    NoteProblem(path_,
-                "is a database of another program, not a registry hive; it was left as "
-                "it is.");
-    error = ERROR_BADDB;
-  } else if (version > kSchemaVersion) {
-    NoteProblem(path_, "was written by a newer version (format " + std::to_string(version) +
+  } else if (header.applicationId != kApplicationId) {
+    error = Foreign();
+  } else if (header.version > kSchemaVersion) {
+    NoteProblem(path_, "was written by a newer version (format " + std::to_string(header.version) +
                            "); it was left as it is.");
     error = ERROR_BADDB;
   }
@@ -396,32 +432,31 @@ DWORD Connection::Open(const std::string& path) {
 
 // Makes an empty database a hive. Another process may be doing the same: the check is repeated
 // under the write lock, and a database that holds anything at all is no hive to be made.
+DWORD Connection::Foreign() {
+  NoteProblem(path_,
+              "is a database of another program, not a registry hive; it was left as it is.");
+  return ERROR_BADDB;
+}
+
 DWORD Connection::Initialize() {
-  const auto foreign = [this] {
-    NoteProblem(path_,
-                "is a database of another program, not a registry hive; it was left as "
-                "it is.");
-    return DWORD{ERROR_BADDB};
-  };
-  int objects = 0;
-  int rc = SQLITE_OK;
-  if (!ReadPragma(db_, "SELECT count(*) FROM sqlite_schema", objects, rc)) return Fail(rc);
-  if (objects != 0) return foreign();
   // Only an empty database gets here, so switching its journal changes nobody's file.
-  rc = Exec("PRAGMA journal_mode=WAL");
+  int rc = Exec("PRAGMA journal_mode=WAL");
   if (rc != SQLITE_OK) return Fail(rc);
   rc = Exec("BEGIN IMMEDIATE");
   if (rc != SQLITE_OK) return Fail(rc);
-  int applicationId = 0;
-  if (!ReadPragma(db_, "PRAGMA application_id", applicationId, rc) ||
-      !ReadPragma(db_, "SELECT count(*) FROM sqlite_schema", objects, rc)) {
+  HiveHeader header;
+  if (!ReadHeader(db_, header, rc)) {
     Exec("ROLLBACK");
     return Fail(rc);
   }
-  if (applicationId == kApplicationId) return Fail(Exec("COMMIT"));
-  if (applicationId != 0 || objects != 0) {
+  if (header.applicationId == kApplicationId) {
+    // Made a hive by another process meanwhile.
+    Exec("COMMIT");
+    return header.version > kSchemaVersion ? Foreign() : DWORD{ERROR_SUCCESS};
+  }
+  if (header.applicationId != 0 || header.objects != 0) {
     Exec("ROLLBACK");
-    return foreign();
+    return Foreign();
   }
   const std::string setup = "PRAGMA application_id=" + std::to_string(kApplicationId) +
                             ";PRAGMA user_version=" + std::to_string(kSchemaVersion) + ";" +
@@ -595,7 +630,7 @@ enum class Access {
 // that found nothing, is as right with each statement on its own, and cheaper. Several
 // statements are cheaper in one transaction, which locks the file once for all of them.
 template <typename Body>
-DWORD Run(const KeyRef& ref, Access access, Body&& body) {
+DWORD RunOnce(const KeyRef& ref, Access access, Body& body) {
   const bool write = access == Access::kWrite;
   tlsProblem.clear();
   Connection* connection = &ref.hive->connection;
@@ -638,6 +673,12 @@ DWORD Run(const KeyRef& ref, Access access, Body&& body) {
   }
   if (error != ERROR_SUCCESS) connection->Do("ROLLBACK");
   return error;
+}
+
+// RunOnce, tried again while the hive is only briefly busy; what failed was undone before.
+template <typename Body>
+DWORD Run(const KeyRef& ref, Access access, Body&& body) {
+  return RetryWhileBusy([&] { return RunOnce(ref, access, body); });
 }
 
 // ---------------------------------------------------------------------------------------------

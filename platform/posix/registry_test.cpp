@@ -557,8 +557,10 @@ TEST(RegistryChild, DISABLED_Writer) {
   ASSERT_NE(nullptr, role);
   HKEY key = nullptr;
   ASSERT_EQ(ERROR_SUCCESS, RegCreateKeyExW(HKEY_CURRENT_USER, u"Shared", 0, nullptr, 0,
-                                           KEY_ALL_ACCESS, nullptr, &key, nullptr));
-  for (int i = 0; i < kWrites; ++i) {
+                                           KEY_ALL_ACCESS, nullptr, &key, nullptr))
+      << Utf16ToUtf8(RegHiveProblem());
+  const int writes = std::strcmp(role, "opener") == 0 ? 0 : kWrites;
+  for (int i = 0; i < writes; ++i) {
     // A value of its own, and a counter that both raise inside a transaction.
     const std::u16string name = Utf8ToUtf16(std::string(role) + "-" + std::to_string(i));
     const DWORD data = static_cast<DWORD>(i);
@@ -581,6 +583,22 @@ TEST(RegistryChild, DISABLED_Writer) {
     CloseHandle(txn);
   }
   RegCloseKey(key);
+}
+
+// Processes that find no hive yet all make it at once; each must end up with the one hive.
+TEST_F(RegistryTest, ProcessesMakingOneFreshHiveAtOnceAllSucceed) {
+  for (int round = 0; round < 5; ++round) {
+    SCOPED_TRACE(round);
+    const std::string hive = folder_.PathOf("fresh" + std::to_string(round) + ".db");
+    std::vector<int> pids;
+    for (int i = 0; i < 4; ++i) pids.push_back(SpawnWriter("opener", hive));
+    for (const int pid : pids) {
+      ASSERT_GT(pid, 0);
+      int status = 0;
+      ASSERT_EQ(pid, waitpid(pid, &status, 0));
+      EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "opener failed: " << status;
+    }
+  }
 }
 
 TEST_F(RegistryTest, TwoProcessesWritingOneKeyLoseNothing) {
