@@ -98,7 +98,9 @@ LSTATUS RegCreateKeyExW(HKEY key, const char16_t* subKey, DWORD reserved, const 
 
 // As RegCreateKeyExW, with every read and write through the result, and through keys opened
 // below it, belonging to `transaction`: others see them at CommitTransaction, and never after
-// RollbackTransaction.
+// RollbackTransaction. On POSIX a transaction holds the write lock of the whole hive from its
+// first use to its end: plain writes of other threads and processes wait for it, and a plain
+// write of the thread that uses it fails at once with ERROR_TRANSACTIONAL_CONFLICT (6800).
 LSTATUS RegCreateKeyTransactedW(HKEY key, const char16_t* subKey, DWORD reserved,
                                 const char16_t* keyClass, DWORD options, REGSAM access,
                                 void* securityAttributes, HKEY* result, DWORD* disposition,

@@ -492,6 +492,25 @@ std::string ResolveHivePath() {
 struct Hive {
   std::string path;
   Connection connection;
+
+  // The threads whose registry transactions hold the write lock of the file. A plain write of
+  // such a thread could only wait for itself until the busy timeout; it fails at once instead.
+  [[nodiscard]] bool LockedBy(std::thread::id thread) {
+    std::lock_guard<std::mutex> lock(ownersMutex);
+    return std::find(owners.begin(), owners.end(), thread) != owners.end();
+  }
+  void AddOwner(std::thread::id thread) {
+    std::lock_guard<std::mutex> lock(ownersMutex);
+    owners.push_back(thread);
+  }
+  void RemoveOwner(std::thread::id thread) {
+    std::lock_guard<std::mutex> lock(ownersMutex);
+    const auto it = std::find(owners.begin(), owners.end(), thread);
+    if (it != owners.end()) owners.erase(it);
+  }
+
+  std::mutex ownersMutex;
+  std::vector<std::thread::id> owners;
 };
 
 // The hive of the current location, opened on first use and whenever the location changes; a
@@ -529,9 +548,23 @@ struct TxnCore {
   std::shared_ptr<Hive> hive;
   std::unique_ptr<Connection> connection;
   bool begun = false;
+  std::thread::id owner;
+
+  // The transaction took the write lock on the calling thread.
+  void MarkBegun() {
+    begun = true;
+    owner = std::this_thread::get_id();
+    hive->AddOwner(owner);
+  }
+  // The transaction let go of the write lock.
+  void MarkEnded() {
+    if (begun) hive->RemoveOwner(owner);
+    begun = false;
+  }
 
   ~TxnCore() {
     if (connection != nullptr && begun) connection->Exec("ROLLBACK");
+    MarkEnded();
   }
 };
 
@@ -541,7 +574,7 @@ struct TransactionObject final : HandleObject {
     std::lock_guard<std::mutex> lock(core->mutex);
     if (core->state == TxnState::kActive) {
       if (core->connection != nullptr && core->begun) core->connection->Exec("ROLLBACK");
-      core->begun = false;
+      core->MarkEnded();
       core->state = TxnState::kRolledBack;
       core->connection.reset();
     }
@@ -641,6 +674,8 @@ DWORD RunOnce(const KeyRef& ref, Access access, Body& body) {
       return ERROR_TRANSACTION_NOT_ACTIVE;
     }
     connection = ref.txn->connection.get();
+  } else if (write && ref.hive->LockedBy(std::this_thread::get_id())) {
+    return ERROR_TRANSACTIONAL_CONFLICT;
   }
   std::lock_guard<std::mutex> lock(connection->mutex);
   if (ref.txn != nullptr) {
@@ -650,7 +685,7 @@ DWORD RunOnce(const KeyRef& ref, Access access, Body& body) {
       if (const int rc = connection->Do("BEGIN IMMEDIATE"); rc != SQLITE_OK) {
         return connection->Fail(rc);
       }
-      ref.txn->begun = true;
+      ref.txn->MarkBegun();
     }
     if (!write) return body(*connection);
     ++connection->writes;
@@ -1291,7 +1326,7 @@ BOOL EndTransaction(HANDLE transaction, bool commit) noexcept {
       error = core.connection->Fail(rc);
       core.connection->Do("ROLLBACK");
     }
-    core.begun = false;
+    core.MarkEnded();
   }
   core.state = commit && error == ERROR_SUCCESS ? TxnState::kCommitted : TxnState::kRolledBack;
   core.connection.reset();

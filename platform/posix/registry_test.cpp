@@ -455,6 +455,28 @@ TEST_F(RegistryTest, ClosingAnOpenTransactionRollsItBack) {
   EXPECT_TRUE(CloseHandle(txn));
 }
 
+// A transaction holds the hive's write lock until it ends, so a plain write of the same thread
+// could only wait for itself; it is refused at once, and works again after the commit.
+TEST_F(RegistryTest, PlainWriteBesideOwnOpenTransactionIsAConflict) {
+  HKEY plain = Create(u"Beside");
+  HANDLE txn = CreateTransaction(nullptr, nullptr, 0, 0, 0, INFINITE, nullptr);
+  HKEY key = nullptr;
+  ASSERT_EQ(ERROR_SUCCESS,
+            RegCreateKeyTransactedW(HKEY_CURRENT_USER, u"Beside", 0, nullptr, 0, KEY_ALL_ACCESS,
+                                    nullptr, &key, nullptr, txn, nullptr));
+  SetDword(key, u"inside", 1);
+  DWORD one = 1;
+  EXPECT_EQ(ERROR_TRANSACTIONAL_CONFLICT, RegSetValueExW(plain, u"outside", 0, REG_DWORD,
+                                                         reinterpret_cast<const BYTE*>(&one), 4));
+  DWORD value = 0;
+  EXPECT_EQ(ERROR_FILE_NOT_FOUND, GetDword(plain, u"inside", value)) << "reads never wait";
+  ASSERT_TRUE(CommitTransaction(txn));
+  RegCloseKey(key);
+  CloseHandle(txn);
+  SetDword(plain, u"outside", 2);
+  EXPECT_EQ(ERROR_SUCCESS, GetDword(plain, u"inside", value));
+}
+
 // ---------------------------------------------------------------------------------------------
 // The hive file.
 
