@@ -411,20 +411,6 @@ int RunQuery(const RegRequest& request) {
 
 // --- add ---
 
-std::optional<std::uint64_t> ParseUnsigned(std::string_view text, std::uint64_t maximum) {
-  int base = 10;
-  if (text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X')) {
-    text.remove_prefix(2);
-    base = 16;
-  }
-  std::uint64_t value = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value, base);
-  if (text.empty() || error != std::errc() || end != text.data() + text.size() || value > maximum) {
-    return std::nullopt;
-  }
-  return value;
-}
-
 std::optional<std::vector<BYTE>> ParseHex(std::string_view text) {
   if (text.size() % 2 != 0) return std::nullopt;
   std::vector<BYTE> bytes;
@@ -630,6 +616,20 @@ CLI::App* AddVerb(CLI::App& reg, const std::string& verb, const std::string& usa
 }
 
 }  // namespace
+
+std::optional<std::uint64_t> ParseUnsigned(std::string_view text, std::uint64_t maximum) {
+  int base = 10;
+  if (text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X')) {
+    text.remove_prefix(2);
+    base = 16;
+  }
+  std::uint64_t value = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value, base);
+  if (text.empty() || error != std::errc() || end != text.data() + text.size() || value > maximum) {
+    return std::nullopt;
+  }
+  return value;
+}
 
 bool EqualsAsciiNoCase(std::string_view a, std::string_view b) {
   if (a.size() != b.size()) return false;

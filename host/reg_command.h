@@ -5,6 +5,8 @@
 // Everything here runs on the main thread of the host and writes to the standard streams.
 #pragma once
 
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -31,6 +33,11 @@ void AddRegCommand(CLI::App& app, int* status);
 // Whether two texts are equal when ASCII letters are compared without regard to case, as the
 // host compares switch, root and setting names.
 [[nodiscard]] bool EqualsAsciiNoCase(std::string_view a, std::string_view b);
+
+// A whole number written in decimal or with 0x in hexadecimal, up to `maximum`; nothing for
+// anything else, an empty text included.
+[[nodiscard]] std::optional<std::uint64_t> ParseUnsigned(std::string_view text,
+                                                         std::uint64_t maximum);
 
 // Writes "ERROR: " and the system's text of the registry error `error` to standard error, and on
 // the next line what is wrong with the hive file when the registry found a fault in it.

@@ -170,20 +170,6 @@ std::string ValueText(const Field& field, AddinSettings& settings) {
   return std::visit(Show{field}, field.locate(settings));
 }
 
-std::optional<std::uint64_t> ParseUnsigned(std::string_view text) {
-  int base = 10;
-  if (text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X')) {
-    text.remove_prefix(2);
-    base = 16;
-  }
-  std::uint64_t value = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value, base);
-  if (text.empty() || error != std::errc() || end != text.data() + text.size()) {
-    return std::nullopt;
-  }
-  return value;
-}
-
 // The value `text` for `field`, or the reason it is refused.
 // `shape` only tells the field's type.
 std::optional<FieldValue> ParseValue(const Field& field, std::string_view text,
@@ -207,7 +193,7 @@ std::optional<FieldValue> ParseValue(const Field& field, std::string_view text,
           text[1] == '.' && text[2] >= '3' && text[2] <= '7') {
         return FieldValue(static_cast<std::uint32_t>(0x10000 + (text[2] - '0')));
       }
-      const std::optional<std::uint64_t> value = ParseUnsigned(text);
+      const std::optional<std::uint64_t> value = ParseUnsigned(text, ~std::uint64_t{0});
       if (!value || *value < field.minimum || *value > field.maximum) {
         if (field.name == "PDFSpecification") {
           why = "expected 1.3 to 1.7, or 65539 (0x10003) to 65543 (0x10007)";
