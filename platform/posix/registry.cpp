@@ -38,6 +38,7 @@
 #include <utility>
 #include <vector>
 
+#include <fcntl.h>
 #include <locale.h>
 #include <pwd.h>
 #include <sqlite3.h>
@@ -380,6 +381,11 @@ DWORD Connection::Open(const std::string& path) {
 DWORD Connection::OpenOnce(const std::string& path) {
   Close();
   path_ = path;
+  // The hive holds the user's settings, passwords among them: a new one is for its owner only.
+  // SQLite would make it readable by all, and its journal files take the mode of the database.
+  if (const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600); fd >= 0) {
+    close(fd);
+  }
   int rc =
       sqlite3_open_v2(path.c_str(), &db_,
                       SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);

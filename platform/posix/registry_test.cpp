@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 #include <spawn.h>
 #include <sqlite3.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -545,8 +546,12 @@ TEST_F(RegistryTest, AnEmptyFileBecomesAHiveAndTheDefaultLocationFollowsXdg) {
   ScopedEnv xdg("XDG_CONFIG_HOME", folder_.PathOf("config"));
   EXPECT_EQ(folder_.PathOf("config") + "/marrowline/registry.db", Utf16ToUtf8(RegHiveLocation()));
   Create(u"Elsewhere");
-  EXPECT_TRUE(std::ifstream(folder_.PathOf("config/marrowline/registry.db")).good())
+  struct stat info {};
+  ASSERT_EQ(0, stat(folder_.PathOf("config/marrowline/registry.db").c_str(), &info))
       << "the folder is made on first use";
+  EXPECT_EQ(0600u, info.st_mode & 0777u) << "a new hive is for its owner only";
+  ASSERT_EQ(0, stat(folder_.PathOf("config/marrowline").c_str(), &info));
+  EXPECT_EQ(0700u, info.st_mode & 0777u);
 }
 
 // ---------------------------------------------------------------------------------------------
