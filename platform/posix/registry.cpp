@@ -953,6 +953,27 @@ LSTATUS Guard(Body&& body) noexcept {
   }
 }
 
+// The frame of a call on a key: no exception leaves, the hive problem of an earlier call is
+// forgotten, and `body` runs on the resolved key only if the handle has the rights `needs`.
+template <typename Body>
+LSTATUS WithKey(HKEY key, REGSAM needs, Body&& body) noexcept {
+  return Guard([&]() -> LSTATUS {
+    tlsProblem.clear();
+    KeyRef ref;
+    if (const DWORD error = Resolve(key, ref); error != ERROR_SUCCESS) return error;
+    if ((ref.access & needs) != needs) return ERROR_ACCESS_DENIED;
+    return body(ref);
+  });
+}
+
+// Hands out a class text as RegEnumKeyExW and RegQueryInfoKeyW do: copied when there is a
+// buffer, else only its length when asked for.
+DWORD HandOutClass(std::u16string_view text, char16_t* keyClass, DWORD* classLength) {
+  if (keyClass != nullptr) return CopyName(text, keyClass, classLength);
+  if (classLength != nullptr) *classLength = static_cast<DWORD>(text.size());
+  return ERROR_SUCCESS;
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------------------------------------
@@ -985,11 +1006,8 @@ LSTATUS RegOpenKeyExW(HKEY key, const char16_t* subKey, DWORD, REGSAM access,
 
 LSTATUS RegCreateKeyExW(HKEY key, const char16_t* subKey, DWORD, const char16_t* keyClass, DWORD,
                         REGSAM access, void*, HKEY* result, DWORD* disposition) noexcept {
-  return Guard([&]() -> LSTATUS {
-    tlsProblem.clear();
-    KeyRef ref;
-    if (const DWORD error = Resolve(key, ref); error != ERROR_SUCCESS) return error;
-    return CreateKey(std::move(ref), subKey, keyClass, access, result, disposition);
+  return WithKey(key, 0, [&](const KeyRef& ref) -> LSTATUS {
+    return CreateKey(ref, subKey, keyClass, access, result, disposition);
   });
 }
 
@@ -1033,11 +1051,7 @@ LSTATUS RegCloseKey(HKEY key) noexcept {
 
 LSTATUS RegQueryValueExW(HKEY key, const char16_t* name, DWORD*, DWORD* type, BYTE* data,
                          DWORD* size) noexcept {
-  return Guard([&]() -> LSTATUS {
-    tlsProblem.clear();
-    KeyRef ref;
-    if (const DWORD error = Resolve(key, ref); error != ERROR_SUCCESS) return error;
-    if (!(ref.access & KEY_QUERY_VALUE)) return ERROR_ACCESS_DENIED;
+  return WithKey(key, KEY_QUERY_VALUE, [&](const KeyRef& ref) -> LSTATUS {
     if (data != nullptr && size == nullptr) return ERROR_INVALID_PARAMETER;
     const std::string fold = Fold(View(name));
     return Run(ref, Access::kGlance, [&](Connection& c) -> DWORD {
@@ -1057,11 +1071,7 @@ LSTATUS RegQueryValueExW(HKEY key, const char16_t* name, DWORD*, DWORD* type, BY
 
 LSTATUS RegSetValueExW(HKEY key, const char16_t* name, DWORD, DWORD type, const BYTE* data,
                        DWORD size) noexcept {
-  return Guard([&]() -> LSTATUS {
-    tlsProblem.clear();
-    KeyRef ref;
-    if (const DWORD error = Resolve(key, ref); error != ERROR_SUCCESS) return error;
-    if (!(ref.access & KEY_SET_VALUE)) return ERROR_ACCESS_DENIED;
+  return WithKey(key, KEY_SET_VALUE, [&](const KeyRef& ref) -> LSTATUS {
     if (data == nullptr && size != 0) return ERROR_NOACCESS;
     const std::u16string_view valueName = View(name);
     if (valueName.size() > kMaxValueNameLength) return ERROR_INVALID_PARAMETER;
@@ -1085,11 +1095,7 @@ LSTATUS RegSetValueExW(HKEY key, const char16_t* name, DWORD, DWORD type, const 
 }
 
 LSTATUS RegDeleteValueW(HKEY key, const char16_t* name) noexcept {
-  return Guard([&]() -> LSTATUS {
-    tlsProblem.clear();
-    KeyRef ref;
-    if (const DWORD error = Resolve(key, ref); error != ERROR_SUCCESS) return error;
-    if (!(ref.access & KEY_SET_VALUE)) return ERROR_ACCESS_DENIED;
+  return WithKey(key, KEY_SET_VALUE, [&](const KeyRef& ref) -> LSTATUS {
     const std::string fold = Fold(View(name));
     return Run(ref, Access::kWrite, [&](Connection& c) -> DWORD {
       Statement s = c.Prepare("DELETE FROM vals WHERE key = ?1 AND fold = ?2");
@@ -1106,10 +1112,7 @@ LSTATUS RegDeleteValueW(HKEY key, const char16_t* name) noexcept {
 }
 
 LSTATUS RegDeleteTreeW(HKEY key, const char16_t* subKey) noexcept {
-  return Guard([&]() -> LSTATUS {
-    tlsProblem.clear();
-    KeyRef ref;
-    if (const DWORD error = Resolve(key, ref); error != ERROR_SUCCESS) return error;
+  return WithKey(key, 0, [&](const KeyRef& ref) -> LSTATUS {
     std::vector<std::u16string_view> names;
     if (const DWORD error = SplitPath(subKey, names); error != ERROR_SUCCESS) return error;
     if (names.empty() && !(ref.access & KEY_SET_VALUE)) return ERROR_ACCESS_DENIED;
@@ -1131,11 +1134,7 @@ LSTATUS RegDeleteTreeW(HKEY key, const char16_t* subKey) noexcept {
 
 LSTATUS RegEnumKeyExW(HKEY key, DWORD index, char16_t* name, DWORD* nameLength, DWORD*,
                       char16_t* keyClass, DWORD* classLength, FILETIME* lastWriteTime) noexcept {
-  return Guard([&]() -> LSTATUS {
-    tlsProblem.clear();
-    KeyRef ref;
-    if (const DWORD error = Resolve(key, ref); error != ERROR_SUCCESS) return error;
-    if (!(ref.access & KEY_ENUMERATE_SUB_KEYS)) return ERROR_ACCESS_DENIED;
+  return WithKey(key, KEY_ENUMERATE_SUB_KEYS, [&](const KeyRef& ref) -> LSTATUS {
     if (nameLength == nullptr) return ERROR_INVALID_PARAMETER;
     EnumCursor* cursor = ref.object != nullptr ? &ref.object->keys : nullptr;
     return Run(ref, Access::kRead, [&](Connection& c) -> DWORD {
@@ -1167,10 +1166,8 @@ LSTATUS RegEnumKeyExW(HKEY key, DWORD index, char16_t* name, DWORD* nameLength, 
       }
       if (rc != SQLITE_ROW) return c.Fail(rc);
       if (DWORD e = CopyName(s.Text(0), name, nameLength); e != ERROR_SUCCESS) return e;
-      if (keyClass != nullptr) {
-        if (DWORD e = CopyName(s.Text(1), keyClass, classLength); e != ERROR_SUCCESS) return e;
-      } else if (classLength != nullptr) {
-        *classLength = static_cast<DWORD>(s.Text(1).size());
+      if (DWORD e = HandOutClass(s.Text(1), keyClass, classLength); e != ERROR_SUCCESS) {
+        return e;
       }
       if (lastWriteTime != nullptr) *lastWriteTime = SplitStamp(s.Int(2));
       return DWORD{ERROR_SUCCESS};
@@ -1180,11 +1177,7 @@ LSTATUS RegEnumKeyExW(HKEY key, DWORD index, char16_t* name, DWORD* nameLength, 
 
 LSTATUS RegEnumValueW(HKEY key, DWORD index, char16_t* name, DWORD* nameLength, DWORD*, DWORD* type,
                       BYTE* data, DWORD* size) noexcept {
-  return Guard([&]() -> LSTATUS {
-    tlsProblem.clear();
-    KeyRef ref;
-    if (const DWORD error = Resolve(key, ref); error != ERROR_SUCCESS) return error;
-    if (!(ref.access & KEY_QUERY_VALUE)) return ERROR_ACCESS_DENIED;
+  return WithKey(key, KEY_QUERY_VALUE, [&](const KeyRef& ref) -> LSTATUS {
     if (nameLength == nullptr || (data != nullptr && size == nullptr)) {
       return ERROR_INVALID_PARAMETER;
     }
@@ -1222,20 +1215,15 @@ LSTATUS RegQueryInfoKeyW(HKEY key, char16_t* keyClass, DWORD* classLength, DWORD
                          DWORD* maxSubKeyLength, DWORD* maxClassLength, DWORD* values,
                          DWORD* maxValueNameLength, DWORD* maxValueLength,
                          DWORD* securityDescriptorSize, FILETIME* lastWriteTime) noexcept {
-  return Guard([&]() -> LSTATUS {
-    tlsProblem.clear();
-    KeyRef ref;
-    if (const DWORD error = Resolve(key, ref); error != ERROR_SUCCESS) return error;
+  return WithKey(key, 0, [&](const KeyRef& ref) -> LSTATUS {
     return Run(ref, Access::kRead, [&](Connection& c) -> DWORD {
       Statement own = c.Prepare("SELECT class, written FROM keys WHERE id = ?1");
       if (!own.ok()) return c.Fail(SQLITE_ERROR);
       int rc = own.Bind(1, ref.id).Step();
       if (rc == SQLITE_DONE) return ERROR_KEY_DELETED;
       if (rc != SQLITE_ROW) return c.Fail(rc);
-      if (keyClass != nullptr) {
-        if (DWORD e = CopyName(own.Text(0), keyClass, classLength); e != ERROR_SUCCESS) return e;
-      } else if (classLength != nullptr) {
-        *classLength = static_cast<DWORD>(own.Text(0).size());
+      if (DWORD e = HandOutClass(own.Text(0), keyClass, classLength); e != ERROR_SUCCESS) {
+        return e;
       }
       if (lastWriteTime != nullptr) *lastWriteTime = SplitStamp(own.Int(1));
 
@@ -1266,10 +1254,7 @@ LSTATUS RegQueryInfoKeyW(HKEY key, char16_t* keyClass, DWORD* classLength, DWORD
 }
 
 LSTATUS RegRenameKey(HKEY key, const char16_t* subKey, const char16_t* newName) noexcept {
-  return Guard([&]() -> LSTATUS {
-    tlsProblem.clear();
-    KeyRef ref;
-    if (const DWORD error = Resolve(key, ref); error != ERROR_SUCCESS) return error;
+  return WithKey(key, 0, [&](const KeyRef& ref) -> LSTATUS {
     const std::u16string_view target = View(newName);
     if (target.empty() || target.size() > kMaxKeyNameLength ||
         target.find(u'\\') != std::u16string_view::npos) {
