@@ -154,64 +154,79 @@ struct ValueEntry {
   std::vector<BYTE> data;
 };
 
+// Calls `step(index)` for the indexes 0, 1, ... until it answers ERROR_NO_MORE_ITEMS. `size()`
+// sizes the step's buffers from the key's longest entry, once before the first step and again
+// when a step answers ERROR_MORE_DATA because the key grew meanwhile; eight of those in a row
+// give up.
+template <typename Size, typename Step>
+LSTATUS EnumerateByIndex(Size&& size, Step&& step) {
+  LSTATUS rc = size();
+  DWORD index = 0;
+  for (int retries = 0; rc == ERROR_SUCCESS;) {
+    rc = step(index);
+    if (rc == ERROR_SUCCESS) {
+      ++index;
+      retries = 0;
+    } else if (rc == ERROR_NO_MORE_ITEMS) {
+      return ERROR_SUCCESS;
+    } else if (rc == ERROR_MORE_DATA && ++retries < 8) {
+      rc = size();
+    }
+  }
+  return rc;
+}
+
 // Every value of `key` in the registry's order.
 LSTATUS ListValues(HKEY key, std::vector<ValueEntry>& values) {
   values.clear();
-  DWORD index = 0;
-  for (int retries = 0; retries < 8;) {
-    DWORD maxName = 0;
-    DWORD maxData = 0;
-    LSTATUS rc = platform::RegQueryInfoKeyW(key, nullptr, nullptr, nullptr, nullptr, nullptr,
-                                            nullptr, nullptr, &maxName, &maxData, nullptr, nullptr);
-    if (rc != ERROR_SUCCESS) return rc;
-    ValueEntry value;
-    std::u16string name(maxName + 1, u'\0');
-    value.data.assign(maxData, 0);
-    DWORD nameLength = maxName + 1;
-    DWORD size = maxData;
-    rc = platform::RegEnumValueW(key, index, name.data(), &nameLength, nullptr, &value.type,
-                                 value.data.data(), &size);
-    if (rc == ERROR_NO_MORE_ITEMS) return ERROR_SUCCESS;
-    if (rc == ERROR_MORE_DATA) {
-      ++retries;
-      continue;
-    }
-    if (rc != ERROR_SUCCESS) return rc;
-    name.resize(nameLength);
-    value.name = std::move(name);
-    value.data.resize(size);
-    values.push_back(std::move(value));
-    ++index;
-    retries = 0;
-  }
-  return ERROR_MORE_DATA;
+  std::u16string name;
+  std::vector<BYTE> data;
+  return EnumerateByIndex(
+      [&] {
+        DWORD maxName = 0;
+        DWORD maxData = 0;
+        const LSTATUS rc =
+            platform::RegQueryInfoKeyW(key, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+                                       nullptr, &maxName, &maxData, nullptr, nullptr);
+        name.assign(maxName + 1, u'\0');
+        // Never a null buffer: that would ask for the size alone.
+        data.assign(maxData + 1, 0);
+        return rc;
+      },
+      [&](DWORD index) {
+        ValueEntry value;
+        DWORD nameLength = static_cast<DWORD>(name.size());
+        DWORD size = static_cast<DWORD>(data.size());
+        const LSTATUS rc = platform::RegEnumValueW(key, index, name.data(), &nameLength, nullptr,
+                                                   &value.type, data.data(), &size);
+        if (rc != ERROR_SUCCESS) return rc;
+        value.name.assign(name.data(), nameLength);
+        value.data.assign(data.begin(), data.begin() + size);
+        values.push_back(std::move(value));
+        return rc;
+      });
 }
 
 // The names of the subkeys of `key` in the registry's order.
 LSTATUS ListSubKeys(HKEY key, std::vector<std::u16string>& names) {
   names.clear();
-  DWORD index = 0;
-  for (int retries = 0; retries < 8;) {
-    DWORD maxName = 0;
-    LSTATUS rc = platform::RegQueryInfoKeyW(key, nullptr, nullptr, nullptr, nullptr, &maxName,
-                                            nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
-    if (rc != ERROR_SUCCESS) return rc;
-    std::u16string name(maxName + 1, u'\0');
-    DWORD nameLength = maxName + 1;
-    rc = platform::RegEnumKeyExW(key, index, name.data(), &nameLength, nullptr, nullptr, nullptr,
-                                 nullptr);
-    if (rc == ERROR_NO_MORE_ITEMS) return ERROR_SUCCESS;
-    if (rc == ERROR_MORE_DATA) {
-      ++retries;
-      continue;
-    }
-    if (rc != ERROR_SUCCESS) return rc;
-    name.resize(nameLength);
-    names.push_back(std::move(name));
-    ++index;
-    retries = 0;
-  }
-  return ERROR_MORE_DATA;
+  std::u16string name;
+  return EnumerateByIndex(
+      [&] {
+        DWORD maxName = 0;
+        const LSTATUS rc =
+            platform::RegQueryInfoKeyW(key, nullptr, nullptr, nullptr, nullptr, &maxName, nullptr,
+                                       nullptr, nullptr, nullptr, nullptr, nullptr);
+        name.assign(maxName + 1, u'\0');
+        return rc;
+      },
+      [&](DWORD index) {
+        DWORD nameLength = static_cast<DWORD>(name.size());
+        const LSTATUS rc = platform::RegEnumKeyExW(key, index, name.data(), &nameLength, nullptr,
+                                                   nullptr, nullptr, nullptr);
+        if (rc == ERROR_SUCCESS) names.emplace_back(name.data(), nameLength);
+        return rc;
+      });
 }
 
 struct TypeName {
