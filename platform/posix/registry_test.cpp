@@ -78,24 +78,23 @@ class RegistryTest : public ::testing::Test {
     return Stamp(t);
   }
   std::vector<std::u16string> SubKeys(HKEY key) {
-    std::vector<std::u16string> names;
-    char16_t name[256];
-    for (DWORD i = 0;; ++i) {
-      DWORD length = 256;
-      const LSTATUS rc = RegEnumKeyExW(key, i, name, &length, nullptr, nullptr, nullptr, nullptr);
-      if (rc == ERROR_NO_MORE_ITEMS) break;
-      EXPECT_EQ(ERROR_SUCCESS, rc);
-      if (rc != ERROR_SUCCESS) break;
-      names.emplace_back(name, length);
-    }
-    return names;
+    return Names([key](DWORD i, char16_t* name, DWORD* length) {
+      return RegEnumKeyExW(key, i, name, length, nullptr, nullptr, nullptr, nullptr);
+    });
   }
   std::vector<std::u16string> Values(HKEY key) {
+    return Names([key](DWORD i, char16_t* name, DWORD* length) {
+      return RegEnumValueW(key, i, name, length, nullptr, nullptr, nullptr, nullptr);
+    });
+  }
+  // The names that `enumerate` gives for the indexes 0, 1, ... up to ERROR_NO_MORE_ITEMS.
+  template <typename Enumerate>
+  std::vector<std::u16string> Names(Enumerate enumerate) {
     std::vector<std::u16string> names;
     char16_t name[256];
     for (DWORD i = 0;; ++i) {
       DWORD length = 256;
-      const LSTATUS rc = RegEnumValueW(key, i, name, &length, nullptr, nullptr, nullptr, nullptr);
+      const LSTATUS rc = enumerate(i, name, &length);
       if (rc == ERROR_NO_MORE_ITEMS) break;
       EXPECT_EQ(ERROR_SUCCESS, rc);
       if (rc != ERROR_SUCCESS) break;
