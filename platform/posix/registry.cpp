@@ -381,6 +381,7 @@ DWORD Connection::Open(const std::string& path) {
 DWORD Connection::OpenOnce(const std::string& path) {
   Close();
   path_ = path;
+  tlsProblem.clear();  // a busy try before this one is no problem if this one succeeds
   // The hive holds the user's settings, passwords among them: a new one is for its owner only.
   // SQLite would make it readable by all, and its journal files take the mode of the database.
   if (const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600); fd >= 0) {
