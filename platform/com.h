@@ -491,4 +491,101 @@ HRESULT VariantChangeType(VARIANTARG* dest, VARIANTARG* source, USHORT flags,
 HRESULT VariantChangeTypeEx(VARIANTARG* dest, VARIANTARG* source, LCID lcid, USHORT flags,
                             VARTYPE type) noexcept;
 
+
+// ---------------------------------------------------------------------------------------------
+// Connection points, class objects and task memory
+
+struct IEnumConnections;
+struct IEnumConnectionPoints;
+struct IConnectionPointContainer;
+
+inline constexpr IID IID_IConnectionPoint = {
+    0xB196B286, 0xBAB4, 0x101A, {0xB6, 0x9C, 0x00, 0xAA, 0x00, 0x34, 0x1D, 0x07}};
+inline constexpr IID IID_IConnectionPointContainer = {
+    0xB196B284, 0xBAB4, 0x101A, {0xB6, 0x9C, 0x00, 0xAA, 0x00, 0x34, 0x1D, 0x07}};
+inline constexpr IID IID_IClassFactory = {
+    0x00000001, 0x0000, 0x0000, {0xC0, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x46}};
+inline constexpr IID IID_IPictureDisp = {
+    0x7BF80981, 0xBF32, 0x101A, {0x8B, 0xBB, 0x00, 0xAA, 0x00, 0x30, 0x0C, 0xAB}};
+
+#define CONNECT_E_NOCONNECTION (static_cast<HRESULT>(0x80040200u))
+#define CONNECT_E_ADVISELIMIT (static_cast<HRESULT>(0x80040201u))
+#define CONNECT_E_CANNOTCONNECT (static_cast<HRESULT>(0x80040202u))
+#define REGDB_E_CLASSNOTREG (static_cast<HRESULT>(0x80040154u))
+#define CO_E_OBJNOTREG (static_cast<HRESULT>(0x800401FBu))
+
+// One outgoing interface of an object: sinks are advised with a cookie and unadvised by it.
+struct IConnectionPoint : IUnknown {
+  virtual HRESULT STDMETHODCALLTYPE GetConnectionInterface(IID* iid) = 0;
+  virtual HRESULT STDMETHODCALLTYPE GetConnectionPointContainer(
+      IConnectionPointContainer** container) = 0;
+  virtual HRESULT STDMETHODCALLTYPE Advise(IUnknown* sink, DWORD* cookie) = 0;
+  virtual HRESULT STDMETHODCALLTYPE Unadvise(DWORD cookie) = 0;
+  virtual HRESULT STDMETHODCALLTYPE EnumConnections(IEnumConnections** connections) = 0;
+
+ protected:
+  ~IConnectionPoint() = default;
+};
+
+struct IConnectionPointContainer : IUnknown {
+  virtual HRESULT STDMETHODCALLTYPE EnumConnectionPoints(IEnumConnectionPoints** points) = 0;
+  virtual HRESULT STDMETHODCALLTYPE FindConnectionPoint(REFIID iid, IConnectionPoint** point) = 0;
+
+ protected:
+  ~IConnectionPointContainer() = default;
+};
+
+struct IClassFactory : IUnknown {
+  virtual HRESULT STDMETHODCALLTYPE CreateInstance(IUnknown* outer, REFIID iid,
+                                                   void** object) = 0;
+  virtual HRESULT STDMETHODCALLTYPE LockServer(BOOL lock) = 0;
+
+ protected:
+  ~IClassFactory() = default;
+};
+
+// A picture for automation clients. This backend has no pictures of the system's; the ribbon's
+// images implement it over decoded bitmaps.
+struct IPictureDisp : IDispatch {
+ protected:
+  ~IPictureDisp() = default;
+};
+
+#define CLSCTX_INPROC_SERVER 0x1
+#define CLSCTX_LOCAL_SERVER 0x4
+#define CLSCTX_REMOTE_SERVER 0x10
+#define CLSCTX_ALL (CLSCTX_INPROC_SERVER | CLSCTX_LOCAL_SERVER | CLSCTX_REMOTE_SERVER)
+#define REGCLS_MULTIPLEUSE 1
+
+// Creates an object of class `clsid` through the class object registered for it in this process.
+// REGDB_E_CLASSNOTREG when none is: this backend has no class registry beyond the process, so
+// a class of the system (the shell's file dialogs, for one) exists only where a part of this
+// system registers it. CLASS_E_NOAGGREGATION for an outer object.
+HRESULT CoCreateInstance(REFCLSID clsid, IUnknown* outer, DWORD context, REFIID iid,
+                         void** object) noexcept;
+// Makes `factory` the class object of `clsid` for this process, taking a reference; *cookie
+// receives the number that revokes it. A second registration of the same class hides the first
+// until it is revoked.
+HRESULT CoRegisterClassObject(REFCLSID clsid, IUnknown* factory, DWORD context, DWORD flags,
+                              DWORD* cookie) noexcept;
+// Withdraws a registration and releases its class object; CO_E_OBJNOTREG for an unknown cookie.
+HRESULT CoRevokeClassObject(DWORD cookie) noexcept;
+
+// Memory that crosses an interface: out-parameter strings of the shell interfaces.
+void* CoTaskMemAlloc(SIZE_T size) noexcept;
+void CoTaskMemFree(void* block) noexcept;
+
 #endif  // !_WIN32
+
+namespace mrwl {
+
+// The logic's UTF-16 text as the system's wide characters and back. Both are 16-bit units on
+// either system; only the type differs on Windows.
+[[nodiscard]] inline const OLECHAR* OleText(const char16_t* text) noexcept {
+  return reinterpret_cast<const OLECHAR*>(text);
+}
+[[nodiscard]] inline const char16_t* U16Text(const OLECHAR* text) noexcept {
+  return reinterpret_cast<const char16_t*>(text);
+}
+
+}  // namespace mrwl

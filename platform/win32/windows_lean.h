@@ -18,3 +18,5 @@
 #include <oaidl.h>
 #include <objbase.h>
 #include <oleauto.h>
+#include <ocidl.h>
+#include <olectl.h>
