@@ -1,0 +1,378 @@
+// An Outlook inside the test process: objects for every interface of platform/outlook.h and the
+// ribbon interfaces of platform/office.h, with public fields that a test sets up, real connection
+// points that deliver events through the sinks' IDispatch::Invoke, items that write real files,
+// and faults that a test injects by member name.
+//
+// Every member call goes through OutlookFaults, which logs it as "Object.Member" (for example
+// "Application.ActiveWindow", "MailItem.SaveAs", "Explorers.ConnectionPoint.Advise") and answers
+// with a failure or raises a ComError when the test asked for one. Getters of objects hand out
+// what the field holds, null included, with S_OK. For tests only; one thread.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "platform/com.h"
+#include "platform/com_object.h"
+#include "platform/com_ptr.h"
+#include "platform/office.h"
+#include "platform/outlook.h"
+
+namespace mrwl::testing {
+
+// The process-wide log of calls and the faults to inject. Reset() between tests.
+class OutlookFaults {
+ public:
+  static OutlookFaults& Get();
+
+  // Forgets the log and every fault.
+  void Reset();
+  // From call number `after` + 1 of `member` on, the call answers `result` without doing
+  // anything; `times` calls do so (-1: all).
+  void Fail(std::string_view member, HRESULT result, int after = 0, int times = -1);
+  // As Fail, but the call raises ComError(result) instead of answering.
+  void Throw(std::string_view member, HRESULT result, int after = 0, int times = -1);
+
+  // Called first by every member: logs the call, then answers S_OK, or the failure, or throws.
+  HRESULT Enter(std::string_view member);
+
+  [[nodiscard]] const std::vector<std::string>& Calls() const noexcept { return calls_; }
+  [[nodiscard]] int CountOf(std::string_view member) const;
+  // The position of the first call of `member` in the log, or -1.
+  [[nodiscard]] int IndexOf(std::string_view member) const;
+
+ private:
+  struct Fault {
+    HRESULT result;
+    bool raise;
+    int after;
+    int times;
+  };
+  std::vector<std::string> calls_;
+  std::map<std::string, Fault, std::less<>> faults_;
+  std::map<std::string, int, std::less<>> counts_;
+};
+
+// --- Events ----------------------------------------------------------------------------------
+
+// One outgoing interface. Advise asks the sink for the event interface; Raise calls Invoke on
+// every sink advised, in the order of advising.
+class TestConnectionPoint : public ComObject<IConnectionPoint> {
+ public:
+  TestConnectionPoint(std::string owner, const IID& events)
+      : owner_(std::move(owner)), iid_(events) {}
+
+  HRESULT STDMETHODCALLTYPE GetConnectionInterface(IID* iid) override;
+  HRESULT STDMETHODCALLTYPE GetConnectionPointContainer(IConnectionPointContainer**) override;
+  HRESULT STDMETHODCALLTYPE Advise(IUnknown* sink, DWORD* cookie) override;
+  HRESULT STDMETHODCALLTYPE Unadvise(DWORD cookie) override;
+  HRESULT STDMETHODCALLTYPE EnumConnections(IEnumConnections** connections) override;
+
+  // Delivers event `dispid` with `arguments` in their natural order (a copy is passed in the
+  // reverse order of DISPPARAMS). Returns the first failure of a sink, else S_OK.
+  HRESULT Raise(DISPID dispid, std::vector<VARIANT> arguments = {});
+  [[nodiscard]] std::size_t SinkCount() const noexcept { return sinks_.size(); }
+  [[nodiscard]] const IID& EventsIid() const noexcept { return iid_; }
+
+ private:
+  std::string owner_;
+  IID iid_;
+  DWORD nextCookie_ = 1;
+  std::vector<std::pair<DWORD, ComPtr<IDispatch>>> sinks_;
+};
+
+// The container side of an event source with one connection point.
+class EventSource {
+ public:
+  EventSource(std::string owner, const IID& events)
+      : owner_(owner), point_(MakeComObject<TestConnectionPoint>(owner, events)) {}
+  [[nodiscard]] TestConnectionPoint& Point() const noexcept { return *point_; }
+
+ protected:
+  HRESULT Find(REFIID iid, IConnectionPoint** point);
+
+ private:
+  std::string owner_;
+  ComPtr<TestConnectionPoint> point_;
+};
+
+// --- Windows ---------------------------------------------------------------------------------
+
+class TestExplorer : public ComObject<outlook::_Explorer, IConnectionPointContainer>,
+                     public EventSource {
+ public:
+  TestExplorer() : EventSource("Explorer", outlook::IID_ExplorerEvents_10) {}
+  HRESULT STDMETHODCALLTYPE get_CurrentFolder(outlook::MAPIFolder** folder) override;
+  HRESULT STDMETHODCALLTYPE get_Selection(outlook::Selection** selection) override;
+  HRESULT STDMETHODCALLTYPE EnumConnectionPoints(IEnumConnectionPoints**) override;
+  HRESULT STDMETHODCALLTYPE FindConnectionPoint(REFIID iid, IConnectionPoint** point) override;
+
+  ComPtr<outlook::MAPIFolder> currentFolder;
+  ComPtr<outlook::Selection> selection;
+};
+
+class TestInspector : public ComObject<outlook::_Inspector, IConnectionPointContainer>,
+                      public EventSource {
+ public:
+  TestInspector() : EventSource("Inspector", outlook::IID_InspectorEvents_10) {}
+  HRESULT STDMETHODCALLTYPE get_CurrentItem(IDispatch** item) override;
+  HRESULT STDMETHODCALLTYPE EnumConnectionPoints(IEnumConnectionPoints**) override;
+  HRESULT STDMETHODCALLTYPE FindConnectionPoint(REFIID iid, IConnectionPoint** point) override;
+
+  ComPtr<IDispatch> currentItem;
+};
+
+class TestExplorers : public ComObject<outlook::_Explorers, IConnectionPointContainer>,
+                      public EventSource {
+ public:
+  TestExplorers() : EventSource("Explorers", outlook::IID_ExplorersEvents) {}
+  HRESULT STDMETHODCALLTYPE get_Count(LONG* count) override;
+  HRESULT STDMETHODCALLTYPE Item(VARIANT index, outlook::_Explorer** explorer) override;
+  HRESULT STDMETHODCALLTYPE EnumConnectionPoints(IEnumConnectionPoints**) override;
+  HRESULT STDMETHODCALLTYPE FindConnectionPoint(REFIID iid, IConnectionPoint** point) override;
+
+  // Appends a window and raises NewExplorer with it, as Outlook does when a window opens.
+  HRESULT Open(const ComPtr<TestExplorer>& window);
+
+  std::vector<ComPtr<TestExplorer>> items;
+};
+
+class TestInspectors : public ComObject<outlook::_Inspectors, IConnectionPointContainer>,
+                       public EventSource {
+ public:
+  TestInspectors() : EventSource("Inspectors", outlook::IID_InspectorsEvents) {}
+  HRESULT STDMETHODCALLTYPE get_Count(LONG* count) override;
+  HRESULT STDMETHODCALLTYPE Item(VARIANT index, outlook::_Inspector** inspector) override;
+  HRESULT STDMETHODCALLTYPE EnumConnectionPoints(IEnumConnectionPoints**) override;
+  HRESULT STDMETHODCALLTYPE FindConnectionPoint(REFIID iid, IConnectionPoint** point) override;
+
+  HRESULT Open(const ComPtr<TestInspector>& window);
+
+  std::vector<ComPtr<TestInspector>> items;
+};
+
+// --- Session and people ----------------------------------------------------------------------
+
+class TestFolder : public ComObject<outlook::MAPIFolder> {
+ public:
+  explicit TestFolder(std::u16string folderName = u"Inbox") : name(std::move(folderName)) {}
+  HRESULT STDMETHODCALLTYPE get_Name(BSTR* result) override;
+  std::u16string name;
+};
+
+class TestExchangeUser : public ComObject<outlook::ExchangeUser> {
+ public:
+  explicit TestExchangeUser(std::u16string smtp = {}) : primarySmtpAddress(std::move(smtp)) {}
+  HRESULT STDMETHODCALLTYPE get_PrimarySmtpAddress(BSTR* address) override;
+  std::u16string primarySmtpAddress;
+};
+
+class TestAddressEntry : public ComObject<outlook::AddressEntry> {
+ public:
+  HRESULT STDMETHODCALLTYPE GetExchangeUser(outlook::ExchangeUser** user) override;
+  ComPtr<outlook::ExchangeUser> exchangeUser;
+};
+
+class TestRecipient : public ComObject<outlook::Recipient> {
+ public:
+  HRESULT STDMETHODCALLTYPE get_Address(BSTR* result) override;
+  HRESULT STDMETHODCALLTYPE get_AddressEntry(outlook::AddressEntry** entry) override;
+  std::u16string address;
+  ComPtr<outlook::AddressEntry> addressEntry;
+};
+
+class TestNameSpace : public ComObject<outlook::_NameSpace> {
+ public:
+  HRESULT STDMETHODCALLTYPE get_CurrentUser(outlook::Recipient** user) override;
+  ComPtr<outlook::Recipient> currentUser;
+};
+
+// --- Items -----------------------------------------------------------------------------------
+
+class TestAttachment;
+
+// Answers the two attachment properties the add-in reads, where the attachment has them; any
+// other property, or one it lacks, fails with MAPI's "not found".
+class TestPropertyAccessor : public ComObject<outlook::PropertyAccessor> {
+ public:
+  explicit TestPropertyAccessor(TestAttachment* owner);
+  HRESULT STDMETHODCALLTYPE GetProperty(BSTR schemaName, VARIANT* value) override;
+
+ private:
+  ComPtr<outlook::Attachment> keep_;
+  TestAttachment* owner_;
+};
+
+inline constexpr HRESULT kMapiNotFound = static_cast<HRESULT>(0x8004010Fu);
+
+class TestAttachment : public ComObject<outlook::Attachment> {
+ public:
+  HRESULT STDMETHODCALLTYPE get_FileName(BSTR* name) override;
+  HRESULT STDMETHODCALLTYPE get_PropertyAccessor(outlook::PropertyAccessor** accessor) override;
+  // Writes `content` to the file, replacing it.
+  HRESULT STDMETHODCALLTYPE SaveAsFile(BSTR path) override;
+
+  std::u16string fileName;
+  std::string content;
+  std::optional<std::u16string> contentId;  // PR_ATTACH_CONTENT_ID
+  std::optional<LONG> flags;                // PR_ATTACH_FLAGS
+  bool hasAccessor = true;
+  std::vector<std::u16string> savedPaths;
+};
+
+class TestAttachments : public ComObject<outlook::Attachments> {
+ public:
+  HRESULT STDMETHODCALLTYPE get_Count(LONG* count) override;
+  HRESULT STDMETHODCALLTYPE Item(VARIANT index, outlook::Attachment** attachment) override;
+  std::vector<ComPtr<TestAttachment>> items;
+};
+
+// What SaveAs of a test item writes: a small UTF-8 page naming the subject. The paths written and
+// the type asked for are kept.
+struct SavedPages {
+  std::vector<std::u16string> paths;
+  std::vector<LONG> types;
+};
+
+class TestMailItem : public ComObject<outlook::_MailItem> {
+ public:
+  TestMailItem() : attachments(MakeComObject<TestAttachments>()) {}
+  HRESULT STDMETHODCALLTYPE get_Attachments(outlook::Attachments** result) override;
+  HRESULT STDMETHODCALLTYPE get_Importance(LONG* result) override;
+  HRESULT STDMETHODCALLTYPE get_ReceivedTime(DATE* time) override;
+  HRESULT STDMETHODCALLTYPE get_Sensitivity(LONG* result) override;
+  HRESULT STDMETHODCALLTYPE get_Subject(BSTR* result) override;
+  HRESULT STDMETHODCALLTYPE SaveAs(BSTR path, VARIANT type) override;
+  HRESULT STDMETHODCALLTYPE get_SenderName(BSTR* result) override;
+  HRESULT STDMETHODCALLTYPE get_SenderEmailAddress(BSTR* result) override;
+  HRESULT STDMETHODCALLTYPE get_SenderEmailType(BSTR* result) override;
+  HRESULT STDMETHODCALLTYPE get_Sender(outlook::AddressEntry** result) override;
+  HRESULT STDMETHODCALLTYPE get_To(BSTR* result) override;
+  HRESULT STDMETHODCALLTYPE get_CC(BSTR* result) override;
+  HRESULT STDMETHODCALLTYPE get_BCC(BSTR* result) override;
+
+  std::u16string subject;
+  std::u16string senderName;
+  std::u16string senderEmailAddress;
+  std::u16string senderEmailType = u"SMTP";
+  ComPtr<outlook::AddressEntry> sender;
+  std::u16string to;
+  std::u16string cc;
+  std::u16string bcc;
+  DATE receivedTime = 0;
+  LONG importance = 1;
+  LONG sensitivity = 0;
+  ComPtr<TestAttachments> attachments;
+  SavedPages saved;
+};
+
+class TestMeetingItem : public ComObject<outlook::_MeetingItem> {
+ public:
+  TestMeetingItem() : attachments(MakeComObject<TestAttachments>()) {}
+  HRESULT STDMETHODCALLTYPE get_Attachments(outlook::Attachments** result) override;
+  HRESULT STDMETHODCALLTYPE get_Importance(LONG* result) override;
+  HRESULT STDMETHODCALLTYPE get_ReceivedTime(DATE* time) override;
+  HRESULT STDMETHODCALLTYPE get_Sensitivity(LONG* result) override;
+  HRESULT STDMETHODCALLTYPE get_Subject(BSTR* result) override;
+  HRESULT STDMETHODCALLTYPE SaveAs(BSTR path, VARIANT type) override;
+  HRESULT STDMETHODCALLTYPE get_SenderName(BSTR* result) override;
+  HRESULT STDMETHODCALLTYPE get_SenderEmailAddress(BSTR* result) override;
+
+  std::u16string subject;
+  std::u16string senderName;
+  std::u16string senderEmailAddress;
+  DATE receivedTime = 0;
+  LONG importance = 1;
+  LONG sensitivity = 0;
+  ComPtr<TestAttachments> attachments;
+  SavedPages saved;
+};
+
+// An item of another kind (contact, appointment, task, note, report): it answers IDispatch and
+// nothing of a mail.
+class TestOtherItem : public ComObject<IDispatch> {
+ public:
+  explicit TestOtherItem(std::string itemKind = "contact") : kind(std::move(itemKind)) {}
+  std::string kind;
+};
+
+class TestSelection : public ComObject<outlook::Selection> {
+ public:
+  HRESULT STDMETHODCALLTYPE get_Count(LONG* count) override;
+  HRESULT STDMETHODCALLTYPE Item(VARIANT index, IDispatch** item) override;
+  // Entries may be null: Item then answers S_OK with null.
+  std::vector<ComPtr<IDispatch>> items;
+};
+
+// --- The application -------------------------------------------------------------------------
+
+class TestApplication : public ComObject<outlook::_Application> {
+ public:
+  TestApplication();
+  HRESULT STDMETHODCALLTYPE get_Version(BSTR* result) override;
+  HRESULT STDMETHODCALLTYPE get_Explorers(outlook::_Explorers** result) override;
+  HRESULT STDMETHODCALLTYPE get_Inspectors(outlook::_Inspectors** result) override;
+  HRESULT STDMETHODCALLTYPE get_Session(outlook::_NameSpace** result) override;
+  HRESULT STDMETHODCALLTYPE ActiveWindow(IDispatch** window) override;
+  HRESULT STDMETHODCALLTYPE ActiveExplorer(outlook::_Explorer** explorer) override;
+  HRESULT STDMETHODCALLTYPE ActiveInspector(outlook::_Inspector** inspector) override;
+
+  // Makes `window` the active window and the active explorer (or inspector).
+  void Activate(const ComPtr<TestExplorer>& window);
+  void Activate(const ComPtr<TestInspector>& window);
+
+  std::u16string version = u"16.0.0.17928";
+  ComPtr<TestExplorers> explorers;
+  ComPtr<TestInspectors> inspectors;
+  ComPtr<outlook::_NameSpace> session;
+  ComPtr<IDispatch> activeWindow;
+  ComPtr<outlook::_Explorer> activeExplorer;
+  ComPtr<outlook::_Inspector> activeInspector;
+};
+
+// --- Ribbon ----------------------------------------------------------------------------------
+
+class TestRibbonUI : public ComObject<office::IRibbonUI> {
+ public:
+  HRESULT STDMETHODCALLTYPE InvalidateControl(BSTR controlId) override;
+  std::vector<std::u16string> invalidated;
+};
+
+class TestRibbonControl : public ComObject<office::IRibbonControl> {
+ public:
+  explicit TestRibbonControl(std::u16string controlId = {}) : id(std::move(controlId)) {}
+  HRESULT STDMETHODCALLTYPE get_Id(BSTR* result) override;
+  std::u16string id;
+};
+
+// --- Set-ups ---------------------------------------------------------------------------------
+
+// A mail with the given subject and sender.
+ComPtr<TestMailItem> MakeMail(std::u16string subject, std::u16string senderName = u"Ann Lee",
+                              std::u16string senderAddress = u"ann.lee@example.org");
+
+// An application with one explorer, active, on folder "Inbox", whose selection holds `items`.
+struct ExplorerWorld {
+  ComPtr<TestApplication> application;
+  ComPtr<TestExplorer> explorer;
+  ComPtr<TestSelection> selection;
+};
+ExplorerWorld MakeExplorerWorld(std::vector<ComPtr<IDispatch>> items);
+
+// `object` as an IDispatch reference, for selections and current items.
+template <typename T>
+[[nodiscard]] ComPtr<IDispatch> AsItem(const ComPtr<T>& object) {
+  ComPtr<IDispatch> result;
+  if (object) object->QueryInterface(IID_IDispatch, result.put_void());
+  return result;
+}
+
+// A VT_DISPATCH argument for Raise, holding its own reference (cleared by Raise).
+VARIANT DispatchArgument(IUnknown* object);
+
+}  // namespace mrwl::testing
