@@ -69,7 +69,8 @@ bool WideString::Assign(std::u16string_view text) noexcept {
   // The source may lie inside this string; copy before reusing the buffer would be wrong only if
   // the buffer moved, and it moves only when it grows, which a view of this text never demands.
   if (!Reserve(text.size())) return false;
-  std::memmove(data_, text.data(), text.size() * sizeof(char16_t));
+  // An empty view may carry a null address, which memmove must not see even for no bytes.
+  if (!text.empty()) std::memmove(data_, text.data(), text.size() * sizeof(char16_t));
   length_ = text.size();
   data_[length_] = 0;
   return true;
