@@ -163,6 +163,54 @@ TempFolderHook SetTempFolderHook(TempFolderHook hook) noexcept {
   return gTempFolderHook.exchange(hook, std::memory_order_acq_rel);
 }
 
+namespace {
+
+// The module folder: worked out on first use, or set by the module entry or a test.
+struct ModuleFolderState {
+  WideString folder;
+  bool known = false;
+};
+
+ModuleFolderState& ModuleFolderSlot() noexcept {
+  static ModuleFolderState state;
+  return state;
+}
+
+// The folder of the module that holds this code, from the module file's path. Any object of the
+// module tells which module that is; the state itself serves.
+void FindModuleFolder(WideString& result) noexcept {
+  result.Clear();
+  WideString path;
+  for (DWORD size = MAX_PATH; size <= 32768; size *= 2) {
+    if (!path.Resize(size)) return;
+    const DWORD length = platform::GetModuleFileNameForAddress(
+        static_cast<const void*>(&ModuleFolderSlot()), path.data(), size);
+    if (length == 0) return;
+    if (length < size) {
+      path.SetLength(length);
+      (void)GetParentFolder(path.c_str(), path.Length(), result);
+      return;
+    }
+  }
+}
+
+}  // namespace
+
+const WideString& ModuleFolder() noexcept {
+  ModuleFolderState& state = ModuleFolderSlot();
+  if (!state.known) {
+    FindModuleFolder(state.folder);
+    state.known = true;
+  }
+  return state.folder;
+}
+
+void SetModuleFolder(std::u16string_view folder) noexcept {
+  ModuleFolderState& state = ModuleFolderSlot();
+  (void)state.folder.Assign(folder);
+  state.known = true;
+}
+
 const char16_t* MakeLongPath(const char16_t* path, std::size_t length,
                              WideString& scratch) noexcept {
   if (path == nullptr || length == 0 || length < kLongPathThreshold) return path;

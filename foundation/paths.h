@@ -37,6 +37,18 @@ namespace internal {
 bool GetTempFolderAt(bool lowIntegrity, WideString& result) noexcept;
 }  // namespace internal
 
+// --- Module folder -----------------------------------------------------------------------------
+
+// The folder of the module file that holds this code, ending in the platform's separator: where
+// the files that ship beside the module stand. Worked out once, on the first call, unless
+// SetModuleFolder came first; empty when the system can't tell the module's path.
+// Set it at module load, before any other thread reads it; the result stays valid until the next
+// SetModuleFolder.
+[[nodiscard]] const WideString& ModuleFolder() noexcept;
+// Sets the folder that ModuleFolder answers, as given (it should end in a separator). The module
+// entry sets it when the module loads; tests point it at a folder of their own.
+void SetModuleFolder(std::u16string_view folder) noexcept;
+
 // --- Path text -------------------------------------------------------------------------------
 
 // The path to pass to the system for `path` of `length` units: `path` itself when it is empty,
