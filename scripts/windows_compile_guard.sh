@@ -8,7 +8,7 @@ cd "$root"
 
 failed=0
 count=0
-for src in $(git ls-files 'foundation/*.cpp' 'settings/*.cpp' | grep -v '_test\.cpp$'); do
+for src in $(git ls-files 'foundation/*.cpp' 'settings/*.cpp' 'conversion/*.cpp' 'addin/*.cpp' | grep -v '_test\.cpp$'); do
   count=$((count + 1))
   if ! "$cxx" -std=c++20 -fsyntax-only -Wall -Wextra -Werror -I"$root" "$src"; then
     echo "FAILED: $src"
