@@ -56,31 +56,9 @@ std::vector<std::u16string> IdsOf(const std::vector<Element>& elements, std::u16
   return ids;
 }
 
-VARIANT Dispatch(IDispatch* object) {
-  VARIANT v;
-  VariantInit(&v);
-  v.vt = VT_DISPATCH;
-  v.pdispVal = object;
-  if (object != nullptr) object->AddRef();
-  return v;
-}
-
-VARIANT Unknown(IUnknown* object) {
-  VARIANT v;
-  VariantInit(&v);
-  v.vt = VT_UNKNOWN;
-  v.punkVal = object;
-  if (object != nullptr) object->AddRef();
-  return v;
-}
-
-VARIANT I4(LONG value) {
-  VARIANT v;
-  VariantInit(&v);
-  v.vt = VT_I4;
-  v.lVal = value;
-  return v;
-}
+VARIANT Dispatch(IUnknown* object) { return MakeObjectVariant(object, VT_DISPATCH); }
+VARIANT Unknown(IUnknown* object) { return MakeObjectVariant(object, VT_UNKNOWN); }
+VARIANT I4(LONG value) { return MakeI4Variant(value); }
 
 class AddinTest : public ::testing::Test {
  protected:

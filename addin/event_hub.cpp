@@ -33,12 +33,8 @@ HRESULT WatchOpenWindows(OutlookEventHub* hub, Collection& windows, std::vector<
     for (LONG i = 1; i <= count; ++i) {
       std::unique_ptr<Watcher> watcher(new (std::nothrow) Watcher(hub));
       if (!watcher) return E_POINTER;
-      VARIANT index;
-      VariantInit(&index);
-      index.vt = VT_I4;
-      index.lVal = i;
       ComPtr<Window> item;
-      if (FAILED(windows.Item(index, item.put())) || !item) break;
+      if (FAILED(windows.Item(MakeI4Variant(i), item.put())) || !item) break;
       if constexpr (std::is_same_v<Window, outlook::_Explorer>) *last = item;
       if (FAILED(watcher->Attach(item.get()))) {
         watcher.reset();

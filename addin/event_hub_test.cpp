@@ -18,6 +18,8 @@ using testing::TestExplorer;
 using testing::TestInspector;
 using testing::TestRibbonUI;
 
+VARIANT Dispatch(IUnknown* object) { return MakeObjectVariant(object, VT_DISPATCH); }
+
 class OutlookEventHubTest : public ::testing::Test {
  protected:
   void SetUp() override { OutlookFaults::Get().Reset(); }
@@ -180,10 +182,10 @@ TEST_F(OutlookEventHubTest, NewWindowsGetOneWatcherEach) {
   // The same window again: it is watched already.
   EXPECT_EQ(S_OK,
             application_->explorers->Point().Raise(
-                outlook::DISPID_NewExplorer, {testing::DispatchArgument(explorer->Identity())}));
+                outlook::DISPID_NewExplorer, {Dispatch(explorer->Identity())}));
   EXPECT_EQ(S_OK,
             application_->inspectors->Point().Raise(
-                outlook::DISPID_NewInspector, {testing::DispatchArgument(inspector->Identity())}));
+                outlook::DISPID_NewInspector, {Dispatch(inspector->Identity())}));
   EXPECT_EQ(1u, hub_.GetExplorerWatchers().size());
   EXPECT_EQ(1u, hub_.GetInspectorWatchers().size());
   EXPECT_EQ(3u, explorer->Point().SinkCount());
@@ -266,9 +268,9 @@ TEST_F(OutlookEventHubTest, ANewWindowThatIsNotOfItsKindIsIgnored) {
   auto inspector = MakeComObject<TestInspector>();
   EXPECT_EQ(S_OK,
             application_->explorers->Point().Raise(
-                outlook::DISPID_NewExplorer, {testing::DispatchArgument(inspector->Identity())}));
+                outlook::DISPID_NewExplorer, {Dispatch(inspector->Identity())}));
   EXPECT_EQ(S_OK, application_->explorers->Point().Raise(outlook::DISPID_NewExplorer,
-                                                         {testing::DispatchArgument(nullptr)}));
+                                                         {Dispatch(nullptr)}));
   EXPECT_TRUE(hub_.GetExplorerWatchers().empty());
 }
 
@@ -419,13 +421,7 @@ class Recorder final : public RecorderSink {
   std::u16string text;
 };
 
-VARIANT I4(LONG value) {
-  VARIANT v;
-  VariantInit(&v);
-  v.vt = VT_I4;
-  v.lVal = value;
-  return v;
-}
+VARIANT I4(LONG value) { return MakeI4Variant(value); }
 
 TEST(EventSink, ArgumentsArriveInDeclaredOrderAndAreCoerced) {
   Recorder recorder;

@@ -7,19 +7,6 @@
 #include "platform/ui.h"
 
 namespace mrwl {
-namespace {
-
-// A VT_I4 VARIANT, as the object model takes indexes and the SaveAs type.
-VARIANT MakeI4(LONG value) noexcept {
-  VARIANT variant;
-  ::VariantInit(&variant);
-  V_VT(&variant) = VT_I4;
-  V_I4(&variant) = value;
-  return variant;
-}
-
-}  // namespace
-
 void ShowAddinMessage(std::u16string_view text) noexcept {
   const WideString terminated(text);
   const WideString caption(kAddinMessageCaption);
@@ -131,7 +118,7 @@ HRESULT ConversionDriver::ConvertSelection(bool portfolio) {
     }
     for (LONG i = 1; i <= count; ++i) {
       ComPtr<IDispatch> item;
-      result = selection->Item(MakeI4(i), item.put());
+      result = selection->Item(MakeI4Variant(i), item.put());
       if (FAILED(result) || !item) continue;
       const UniqueItemWrapper wrapper = MakeWrapper(item.get());
       if (!wrapper) continue;  // items of other kinds are skipped silently
@@ -219,7 +206,7 @@ bool ConversionDriver::ExportItem(ItemWrapper& wrapper, const ConverterRequest& 
     return false;
   }
   const UniqueBstr pathText = MakeBstr(path);
-  if (FAILED(wrapper.SaveAs(pathText.get(), MakeI4(outlook::olHTML)))) {
+  if (FAILED(wrapper.SaveAs(pathText.get(), MakeI4Variant(outlook::olHTML)))) {
     ShowAddinMessage(kSaveItemFailedMessage);
     return false;
   }

@@ -45,20 +45,6 @@ void ItemWrapper::Destroy(ItemWrapper* wrapper) noexcept {
 
 // --- Mail ----------------------------------------------------------------------------------------
 
-HRESULT MailItemBase::GetSubject(BSTR* subject) { return Item->get_Subject(subject); }
-HRESULT MailItemBase::SaveAs(BSTR path, VARIANT type) { return Item->SaveAs(path, type); }
-HRESULT MailItemBase::GetAttachments(outlook::Attachments** attachments) {
-  return Item->get_Attachments(attachments);
-}
-HRESULT MailItemBase::GetSenderName(BSTR* name) { return Item->get_SenderName(name); }
-HRESULT MailItemBase::GetSenderEmailAddress(BSTR* address) {
-  return Item->get_SenderEmailAddress(address);
-}
-HRESULT MailItemBase::GetReceivedTime(DATE* time) { return Item->get_ReceivedTime(time); }
-HRESULT MailItemBase::GetImportance(LONG* importance) { return Item->get_Importance(importance); }
-HRESULT MailItemBase::GetSensitivity(LONG* sensitivity) {
-  return Item->get_Sensitivity(sensitivity);
-}
 
 HRESULT MailItemWrapper::GetTo(BSTR* to) { return Item->get_To(to); }
 HRESULT MailItemWrapper::GetBcc(BSTR* bcc) { return Item->get_BCC(bcc); }
@@ -86,22 +72,6 @@ bool MailItemWrapper::TryExchangeAddress(BSTR* result) {
 
 // --- Meeting -------------------------------------------------------------------------------------
 
-HRESULT MeetingItemBase::GetSubject(BSTR* subject) { return Item->get_Subject(subject); }
-HRESULT MeetingItemBase::SaveAs(BSTR path, VARIANT type) { return Item->SaveAs(path, type); }
-HRESULT MeetingItemBase::GetAttachments(outlook::Attachments** attachments) {
-  return Item->get_Attachments(attachments);
-}
-HRESULT MeetingItemBase::GetSenderName(BSTR* name) { return Item->get_SenderName(name); }
-HRESULT MeetingItemBase::GetSenderEmailAddress(BSTR* address) {
-  return Item->get_SenderEmailAddress(address);
-}
-HRESULT MeetingItemBase::GetReceivedTime(DATE* time) { return Item->get_ReceivedTime(time); }
-HRESULT MeetingItemBase::GetImportance(LONG* importance) {
-  return Item->get_Importance(importance);
-}
-HRESULT MeetingItemBase::GetSensitivity(LONG* sensitivity) {
-  return Item->get_Sensitivity(sensitivity);
-}
 
 HRESULT MeetingItemWrapper::GetTo(BSTR*) { return E_NOTIMPL; }
 HRESULT MeetingItemWrapper::GetBcc(BSTR*) { return E_NOTIMPL; }

@@ -13,9 +13,11 @@
 #pragma once
 
 #include <memory>
+#include <utility>
 
 #include "foundation/wide_string.h"
 #include "platform/com.h"
+#include "platform/com_ptr.h"
 #include "platform/outlook.h"
 #include "settings/addin_settings.h"
 
@@ -64,24 +66,35 @@ struct ItemWrapperDeleter {
 // The owner of a wrapper that MakeWrapper made.
 using UniqueItemWrapper = std::unique_ptr<ItemWrapper, ItemWrapperDeleter>;
 
-// A mail: all operations but the three recipient lines.
-class MailItemBase : public ItemWrapper {
+// The operations that a mail and a meeting item share, handed on to `Item` of interface
+// `Outlook`: all but the three recipient lines. MailItemBase and MeetingItemBase are its two forms.
+template <typename Outlook>
+class ItemBase : public ItemWrapper {
  public:
-  HRESULT GetSubject(BSTR* subject) override;
-  HRESULT SaveAs(BSTR path, VARIANT type) override;
-  HRESULT GetAttachments(outlook::Attachments** attachments) override;
-  HRESULT GetSenderName(BSTR* name) override;
-  HRESULT GetSenderEmailAddress(BSTR* address) override;
-  HRESULT GetReceivedTime(DATE* time) override;
-  HRESULT GetImportance(LONG* importance) override;
-  HRESULT GetSensitivity(LONG* sensitivity) override;
+  HRESULT GetSubject(BSTR* subject) override { return Item->get_Subject(subject); }
+  HRESULT SaveAs(BSTR path, VARIANT type) override { return Item->SaveAs(path, type); }
+  HRESULT GetAttachments(outlook::Attachments** attachments) override {
+    return Item->get_Attachments(attachments);
+  }
+  HRESULT GetSenderName(BSTR* name) override { return Item->get_SenderName(name); }
+  HRESULT GetSenderEmailAddress(BSTR* address) override {
+    return Item->get_SenderEmailAddress(address);
+  }
+  HRESULT GetReceivedTime(DATE* time) override { return Item->get_ReceivedTime(time); }
+  HRESULT GetImportance(LONG* importance) override { return Item->get_Importance(importance); }
+  HRESULT GetSensitivity(LONG* sensitivity) override {
+    return Item->get_Sensitivity(sensitivity);
+  }
 
  protected:
-  explicit MailItemBase(ComPtr<outlook::_MailItem> item) noexcept : Item(std::move(item)) {}
-  ~MailItemBase() = default;
+  explicit ItemBase(ComPtr<Outlook> item) noexcept : Item(std::move(item)) {}
+  ~ItemBase() = default;
 
-  ComPtr<outlook::_MailItem> Item;
+  ComPtr<Outlook> Item;
 };
+
+// A mail: all operations but the three recipient lines.
+using MailItemBase = ItemBase<outlook::_MailItem>;
 
 class MailItemWrapper final : public MailItemBase {
  public:
@@ -106,23 +119,7 @@ class MailItemWrapper final : public MailItemBase {
 };
 
 // A meeting request, cancellation or response: all operations but the three recipient lines.
-class MeetingItemBase : public ItemWrapper {
- public:
-  HRESULT GetSubject(BSTR* subject) override;
-  HRESULT SaveAs(BSTR path, VARIANT type) override;
-  HRESULT GetAttachments(outlook::Attachments** attachments) override;
-  HRESULT GetSenderName(BSTR* name) override;
-  HRESULT GetSenderEmailAddress(BSTR* address) override;
-  HRESULT GetReceivedTime(DATE* time) override;
-  HRESULT GetImportance(LONG* importance) override;
-  HRESULT GetSensitivity(LONG* sensitivity) override;
-
- protected:
-  explicit MeetingItemBase(ComPtr<outlook::_MeetingItem> item) noexcept : Item(std::move(item)) {}
-  ~MeetingItemBase() = default;
-
-  ComPtr<outlook::_MeetingItem> Item;
-};
+using MeetingItemBase = ItemBase<outlook::_MeetingItem>;
 
 // A meeting item has no recipient lines of its own: those three answer E_NOTIMPL (0x80004001).
 class MeetingItemWrapper final : public MeetingItemBase {

@@ -127,6 +127,35 @@ using UniqueBstr = UniqueAny<BstrTraits>;
   return std::u16string_view(reinterpret_cast<const char16_t*>(bstr), ::SysStringLen(bstr));
 }
 
+// A VT_I4 VARIANT, as collections take their indexes and SaveAs its type.
+[[nodiscard]] inline VARIANT MakeI4Variant(LONG value) noexcept {
+  VARIANT variant;
+  ::VariantInit(&variant);
+  variant.vt = VT_I4;
+  variant.lVal = value;
+  return variant;
+}
+
+// A VARIANT of type `type` (VT_DISPATCH or VT_UNKNOWN) holding a reference of its own on
+// `object`, which may be null; the caller clears it. For VT_DISPATCH the object is asked for
+// IDispatch, and one that has none gives a null value.
+[[nodiscard]] inline VARIANT MakeObjectVariant(IUnknown* object, VARTYPE type) noexcept {
+  VARIANT variant;
+  ::VariantInit(&variant);
+  variant.vt = type;
+  variant.punkVal = nullptr;
+  if (object == nullptr) return variant;
+  if (type == VT_DISPATCH) {
+    if (FAILED(object->QueryInterface(IID_IDispatch, reinterpret_cast<void**>(&variant.pdispVal)))) {
+      variant.pdispVal = nullptr;
+    }
+  } else {
+    object->AddRef();
+    variant.punkVal = object;
+  }
+  return variant;
+}
+
 // Owns one VARIANT and clears it when reset, reassigned or destroyed.
 class UniqueVariant {
  public:

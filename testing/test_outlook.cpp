@@ -167,15 +167,6 @@ HRESULT EventSource::Find(REFIID iid, IConnectionPoint** point) {
   return S_OK;
 }
 
-VARIANT DispatchArgument(IUnknown* object) {
-  VARIANT argument;
-  VariantInit(&argument);
-  argument.vt = VT_DISPATCH;
-  argument.pdispVal = nullptr;
-  if (object != nullptr) object->QueryInterface(IID_IDispatch, reinterpret_cast<void**>(&argument.pdispVal));
-  return argument;
-}
-
 // --- Windows ---------------------------------------------------------------------------------
 
 HRESULT TestExplorer::get_CurrentFolder(outlook::MAPIFolder** folder) {
@@ -200,45 +191,38 @@ HRESULT TestInspector::FindConnectionPoint(REFIID iid, IConnectionPoint** point)
   return Find(iid, point);
 }
 
-HRESULT TestExplorers::get_Count(LONG* count) {
-  TEST_OUTLOOK_ENTER("Explorers.Count");
+template <typename Collection, typename OutlookWindow, typename Window>
+HRESULT TestWindows<Collection, OutlookWindow, Window>::get_Count(LONG* count) {
+  TEST_OUTLOOK_ENTER(owner_ + ".Count");
   return PutNumber(static_cast<LONG>(items.size()), count);
 }
-HRESULT TestExplorers::Item(VARIANT index, outlook::_Explorer** explorer) {
-  TEST_OUTLOOK_ENTER("Explorers.Item");
-  if (explorer == nullptr) return E_POINTER;
-  ComPtr<TestExplorer> picked;
+template <typename Collection, typename OutlookWindow, typename Window>
+HRESULT TestWindows<Collection, OutlookWindow, Window>::Item(VARIANT index,
+                                                             OutlookWindow** window) {
+  TEST_OUTLOOK_ENTER(owner_ + ".Item");
+  if (window == nullptr) return E_POINTER;
+  ComPtr<Window> picked;
   if (const HRESULT found = Pick(items, index, &picked); FAILED(found)) return found;
-  return PutObject(picked, explorer);
+  return PutObject(picked, window);
 }
-HRESULT TestExplorers::EnumConnectionPoints(IEnumConnectionPoints**) { return E_NOTIMPL; }
-HRESULT TestExplorers::FindConnectionPoint(REFIID iid, IConnectionPoint** point) {
+template <typename Collection, typename OutlookWindow, typename Window>
+HRESULT TestWindows<Collection, OutlookWindow, Window>::EnumConnectionPoints(
+    IEnumConnectionPoints**) {
+  return E_NOTIMPL;
+}
+template <typename Collection, typename OutlookWindow, typename Window>
+HRESULT TestWindows<Collection, OutlookWindow, Window>::FindConnectionPoint(
+    REFIID iid, IConnectionPoint** point) {
   return Find(iid, point);
 }
-HRESULT TestExplorers::Open(const ComPtr<TestExplorer>& window) {
+template <typename Collection, typename OutlookWindow, typename Window>
+HRESULT TestWindows<Collection, OutlookWindow, Window>::Open(const ComPtr<Window>& window) {
   items.push_back(window);
-  return Point().Raise(outlook::DISPID_NewExplorer, {DispatchArgument(window->Identity())});
+  return Point().Raise(opened_, {MakeObjectVariant(window->Identity(), VT_DISPATCH)});
 }
 
-HRESULT TestInspectors::get_Count(LONG* count) {
-  TEST_OUTLOOK_ENTER("Inspectors.Count");
-  return PutNumber(static_cast<LONG>(items.size()), count);
-}
-HRESULT TestInspectors::Item(VARIANT index, outlook::_Inspector** inspector) {
-  TEST_OUTLOOK_ENTER("Inspectors.Item");
-  if (inspector == nullptr) return E_POINTER;
-  ComPtr<TestInspector> picked;
-  if (const HRESULT found = Pick(items, index, &picked); FAILED(found)) return found;
-  return PutObject(picked, inspector);
-}
-HRESULT TestInspectors::EnumConnectionPoints(IEnumConnectionPoints**) { return E_NOTIMPL; }
-HRESULT TestInspectors::FindConnectionPoint(REFIID iid, IConnectionPoint** point) {
-  return Find(iid, point);
-}
-HRESULT TestInspectors::Open(const ComPtr<TestInspector>& window) {
-  items.push_back(window);
-  return Point().Raise(outlook::DISPID_NewInspector, {DispatchArgument(window->Identity())});
-}
+template class TestWindows<outlook::_Explorers, outlook::_Explorer, TestExplorer>;
+template class TestWindows<outlook::_Inspectors, outlook::_Inspector, TestInspector>;
 
 // --- Session and people ----------------------------------------------------------------------
 
@@ -324,38 +308,50 @@ HRESULT TestAttachments::Item(VARIANT index, outlook::Attachment** attachment) {
 
 // --- Items -----------------------------------------------------------------------------------
 
-HRESULT TestMailItem::get_Attachments(outlook::Attachments** result) {
-  TEST_OUTLOOK_ENTER("MailItem.Attachments");
+template <typename Outlook>
+HRESULT TestItem<Outlook>::get_Attachments(outlook::Attachments** result) {
+  TEST_OUTLOOK_ENTER(Member("Attachments"));
   return PutObject(attachments, result);
 }
-HRESULT TestMailItem::get_Importance(LONG* result) {
-  TEST_OUTLOOK_ENTER("MailItem.Importance");
+template <typename Outlook>
+HRESULT TestItem<Outlook>::get_Importance(LONG* result) {
+  TEST_OUTLOOK_ENTER(Member("Importance"));
   return PutNumber(importance, result);
 }
-HRESULT TestMailItem::get_ReceivedTime(DATE* time) {
-  TEST_OUTLOOK_ENTER("MailItem.ReceivedTime");
+template <typename Outlook>
+HRESULT TestItem<Outlook>::get_ReceivedTime(DATE* time) {
+  TEST_OUTLOOK_ENTER(Member("ReceivedTime"));
   return PutNumber(receivedTime, time);
 }
-HRESULT TestMailItem::get_Sensitivity(LONG* result) {
-  TEST_OUTLOOK_ENTER("MailItem.Sensitivity");
+template <typename Outlook>
+HRESULT TestItem<Outlook>::get_Sensitivity(LONG* result) {
+  TEST_OUTLOOK_ENTER(Member("Sensitivity"));
   return PutNumber(sensitivity, result);
 }
-HRESULT TestMailItem::get_Subject(BSTR* result) {
-  TEST_OUTLOOK_ENTER("MailItem.Subject");
+template <typename Outlook>
+HRESULT TestItem<Outlook>::get_Subject(BSTR* result) {
+  TEST_OUTLOOK_ENTER(Member("Subject"));
   return PutText(subject, result);
 }
-HRESULT TestMailItem::SaveAs(BSTR path, VARIANT type) {
-  TEST_OUTLOOK_ENTER("MailItem.SaveAs");
+template <typename Outlook>
+HRESULT TestItem<Outlook>::SaveAs(BSTR path, VARIANT type) {
+  TEST_OUTLOOK_ENTER(Member("SaveAs"));
   return WritePage(path, type, subject, saved);
 }
-HRESULT TestMailItem::get_SenderName(BSTR* result) {
-  TEST_OUTLOOK_ENTER("MailItem.SenderName");
+template <typename Outlook>
+HRESULT TestItem<Outlook>::get_SenderName(BSTR* result) {
+  TEST_OUTLOOK_ENTER(Member("SenderName"));
   return PutText(senderName, result);
 }
-HRESULT TestMailItem::get_SenderEmailAddress(BSTR* result) {
-  TEST_OUTLOOK_ENTER("MailItem.SenderEmailAddress");
+template <typename Outlook>
+HRESULT TestItem<Outlook>::get_SenderEmailAddress(BSTR* result) {
+  TEST_OUTLOOK_ENTER(Member("SenderEmailAddress"));
   return PutText(senderEmailAddress, result);
 }
+
+template class TestItem<outlook::_MailItem>;
+template class TestItem<outlook::_MeetingItem>;
+
 HRESULT TestMailItem::get_SenderEmailType(BSTR* result) {
   TEST_OUTLOOK_ENTER("MailItem.SenderEmailType");
   return PutText(senderEmailType, result);
@@ -375,39 +371,6 @@ HRESULT TestMailItem::get_CC(BSTR* result) {
 HRESULT TestMailItem::get_BCC(BSTR* result) {
   TEST_OUTLOOK_ENTER("MailItem.BCC");
   return PutText(bcc, result);
-}
-
-HRESULT TestMeetingItem::get_Attachments(outlook::Attachments** result) {
-  TEST_OUTLOOK_ENTER("MeetingItem.Attachments");
-  return PutObject(attachments, result);
-}
-HRESULT TestMeetingItem::get_Importance(LONG* result) {
-  TEST_OUTLOOK_ENTER("MeetingItem.Importance");
-  return PutNumber(importance, result);
-}
-HRESULT TestMeetingItem::get_ReceivedTime(DATE* time) {
-  TEST_OUTLOOK_ENTER("MeetingItem.ReceivedTime");
-  return PutNumber(receivedTime, time);
-}
-HRESULT TestMeetingItem::get_Sensitivity(LONG* result) {
-  TEST_OUTLOOK_ENTER("MeetingItem.Sensitivity");
-  return PutNumber(sensitivity, result);
-}
-HRESULT TestMeetingItem::get_Subject(BSTR* result) {
-  TEST_OUTLOOK_ENTER("MeetingItem.Subject");
-  return PutText(subject, result);
-}
-HRESULT TestMeetingItem::SaveAs(BSTR path, VARIANT type) {
-  TEST_OUTLOOK_ENTER("MeetingItem.SaveAs");
-  return WritePage(path, type, subject, saved);
-}
-HRESULT TestMeetingItem::get_SenderName(BSTR* result) {
-  TEST_OUTLOOK_ENTER("MeetingItem.SenderName");
-  return PutText(senderName, result);
-}
-HRESULT TestMeetingItem::get_SenderEmailAddress(BSTR* result) {
-  TEST_OUTLOOK_ENTER("MeetingItem.SenderEmailAddress");
-  return PutText(senderEmailAddress, result);
 }
 
 HRESULT TestSelection::get_Count(LONG* count) {

@@ -127,33 +127,41 @@ class TestInspector : public ComObject<outlook::_Inspector, IConnectionPointCont
   ComPtr<IDispatch> currentItem;
 };
 
-class TestExplorers : public ComObject<outlook::_Explorers, IConnectionPointContainer>,
-                      public EventSource {
+// A collection of windows of one kind, raising `opened` when a window opens.
+template <typename Collection, typename OutlookWindow, typename Window>
+class TestWindows : public ComObject<Collection, IConnectionPointContainer>, public EventSource {
  public:
-  TestExplorers() : EventSource("Explorers", outlook::IID_ExplorersEvents) {}
   HRESULT STDMETHODCALLTYPE get_Count(LONG* count) override;
-  HRESULT STDMETHODCALLTYPE Item(VARIANT index, outlook::_Explorer** explorer) override;
+  HRESULT STDMETHODCALLTYPE Item(VARIANT index, OutlookWindow** window) override;
   HRESULT STDMETHODCALLTYPE EnumConnectionPoints(IEnumConnectionPoints**) override;
   HRESULT STDMETHODCALLTYPE FindConnectionPoint(REFIID iid, IConnectionPoint** point) override;
 
-  // Appends a window and raises NewExplorer with it, as Outlook does when a window opens.
-  HRESULT Open(const ComPtr<TestExplorer>& window);
+  // Appends a window and raises the event of a new window with it, as Outlook does when a
+  // window opens.
+  HRESULT Open(const ComPtr<Window>& window);
 
-  std::vector<ComPtr<TestExplorer>> items;
+  std::vector<ComPtr<Window>> items;
+
+ protected:
+  TestWindows(std::string owner, const IID& events, DISPID opened)
+      : EventSource(owner, events), owner_(std::move(owner)), opened_(opened) {}
+
+ private:
+  std::string owner_;
+  DISPID opened_;
 };
 
-class TestInspectors : public ComObject<outlook::_Inspectors, IConnectionPointContainer>,
-                       public EventSource {
+class TestExplorers : public TestWindows<outlook::_Explorers, outlook::_Explorer, TestExplorer> {
  public:
-  TestInspectors() : EventSource("Inspectors", outlook::IID_InspectorsEvents) {}
-  HRESULT STDMETHODCALLTYPE get_Count(LONG* count) override;
-  HRESULT STDMETHODCALLTYPE Item(VARIANT index, outlook::_Inspector** inspector) override;
-  HRESULT STDMETHODCALLTYPE EnumConnectionPoints(IEnumConnectionPoints**) override;
-  HRESULT STDMETHODCALLTYPE FindConnectionPoint(REFIID iid, IConnectionPoint** point) override;
+  TestExplorers()
+      : TestWindows("Explorers", outlook::IID_ExplorersEvents, outlook::DISPID_NewExplorer) {}
+};
 
-  HRESULT Open(const ComPtr<TestInspector>& window);
-
-  std::vector<ComPtr<TestInspector>> items;
+class TestInspectors
+    : public TestWindows<outlook::_Inspectors, outlook::_Inspector, TestInspector> {
+ public:
+  TestInspectors()
+      : TestWindows("Inspectors", outlook::IID_InspectorsEvents, outlook::DISPID_NewInspector) {}
 };
 
 // --- Session and people ----------------------------------------------------------------------
@@ -239,9 +247,10 @@ struct SavedPages {
   std::vector<LONG> types;
 };
 
-class TestMailItem : public ComObject<outlook::_MailItem> {
+// What a mail and a meeting item share: `kind` names the object in the log ("MailItem").
+template <typename Outlook>
+class TestItem : public ComObject<Outlook> {
  public:
-  TestMailItem() : attachments(MakeComObject<TestAttachments>()) {}
   HRESULT STDMETHODCALLTYPE get_Attachments(outlook::Attachments** result) override;
   HRESULT STDMETHODCALLTYPE get_Importance(LONG* result) override;
   HRESULT STDMETHODCALLTYPE get_ReceivedTime(DATE* time) override;
@@ -250,47 +259,47 @@ class TestMailItem : public ComObject<outlook::_MailItem> {
   HRESULT STDMETHODCALLTYPE SaveAs(BSTR path, VARIANT type) override;
   HRESULT STDMETHODCALLTYPE get_SenderName(BSTR* result) override;
   HRESULT STDMETHODCALLTYPE get_SenderEmailAddress(BSTR* result) override;
+
+  std::u16string subject;
+  std::u16string senderName;
+  std::u16string senderEmailAddress;
+  DATE receivedTime = 0;
+  LONG importance = 1;
+  LONG sensitivity = 0;
+  ComPtr<TestAttachments> attachments;
+  SavedPages saved;
+
+ protected:
+  explicit TestItem(std::string kind)
+      : attachments(MakeComObject<TestAttachments>()), kind_(std::move(kind)) {}
+  // The log name of `member` of this item.
+  [[nodiscard]] std::string Member(std::string_view member) const {
+    return kind_ + "." + std::string(member);
+  }
+
+ private:
+  std::string kind_;
+};
+
+class TestMailItem : public TestItem<outlook::_MailItem> {
+ public:
+  TestMailItem() : TestItem("MailItem") {}
   HRESULT STDMETHODCALLTYPE get_SenderEmailType(BSTR* result) override;
   HRESULT STDMETHODCALLTYPE get_Sender(outlook::AddressEntry** result) override;
   HRESULT STDMETHODCALLTYPE get_To(BSTR* result) override;
   HRESULT STDMETHODCALLTYPE get_CC(BSTR* result) override;
   HRESULT STDMETHODCALLTYPE get_BCC(BSTR* result) override;
 
-  std::u16string subject;
-  std::u16string senderName;
-  std::u16string senderEmailAddress;
   std::u16string senderEmailType = u"SMTP";
   ComPtr<outlook::AddressEntry> sender;
   std::u16string to;
   std::u16string cc;
   std::u16string bcc;
-  DATE receivedTime = 0;
-  LONG importance = 1;
-  LONG sensitivity = 0;
-  ComPtr<TestAttachments> attachments;
-  SavedPages saved;
 };
 
-class TestMeetingItem : public ComObject<outlook::_MeetingItem> {
+class TestMeetingItem : public TestItem<outlook::_MeetingItem> {
  public:
-  TestMeetingItem() : attachments(MakeComObject<TestAttachments>()) {}
-  HRESULT STDMETHODCALLTYPE get_Attachments(outlook::Attachments** result) override;
-  HRESULT STDMETHODCALLTYPE get_Importance(LONG* result) override;
-  HRESULT STDMETHODCALLTYPE get_ReceivedTime(DATE* time) override;
-  HRESULT STDMETHODCALLTYPE get_Sensitivity(LONG* result) override;
-  HRESULT STDMETHODCALLTYPE get_Subject(BSTR* result) override;
-  HRESULT STDMETHODCALLTYPE SaveAs(BSTR path, VARIANT type) override;
-  HRESULT STDMETHODCALLTYPE get_SenderName(BSTR* result) override;
-  HRESULT STDMETHODCALLTYPE get_SenderEmailAddress(BSTR* result) override;
-
-  std::u16string subject;
-  std::u16string senderName;
-  std::u16string senderEmailAddress;
-  DATE receivedTime = 0;
-  LONG importance = 1;
-  LONG sensitivity = 0;
-  ComPtr<TestAttachments> attachments;
-  SavedPages saved;
+  TestMeetingItem() : TestItem("MeetingItem") {}
 };
 
 // An item of another kind (contact, appointment, task, note, report): it answers IDispatch and
@@ -372,7 +381,5 @@ template <typename T>
   return result;
 }
 
-// A VT_DISPATCH argument for Raise, holding its own reference (cleared by Raise).
-VARIANT DispatchArgument(IUnknown* object);
 
 }  // namespace mrwl::testing
