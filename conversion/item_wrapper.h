@@ -82,9 +82,7 @@ class ItemBase : public ItemWrapper {
   }
   HRESULT GetReceivedTime(DATE* time) override { return Item->get_ReceivedTime(time); }
   HRESULT GetImportance(LONG* importance) override { return Item->get_Importance(importance); }
-  HRESULT GetSensitivity(LONG* sensitivity) override {
-    return Item->get_Sensitivity(sensitivity);
-  }
+  HRESULT GetSensitivity(LONG* sensitivity) override { return Item->get_Sensitivity(sensitivity); }
 
  protected:
   explicit ItemBase(ComPtr<Outlook> item) noexcept : Item(std::move(item)) {}

@@ -146,7 +146,8 @@ using UniqueBstr = UniqueAny<BstrTraits>;
   variant.punkVal = nullptr;
   if (object == nullptr) return variant;
   if (type == VT_DISPATCH) {
-    if (FAILED(object->QueryInterface(IID_IDispatch, reinterpret_cast<void**>(&variant.pdispVal)))) {
+    if (FAILED(
+            object->QueryInterface(IID_IDispatch, reinterpret_cast<void**>(&variant.pdispVal)))) {
       variant.pdispVal = nullptr;
     }
   } else {

@@ -58,6 +58,35 @@ class OutlookFaults {
   std::map<std::string, int, std::less<>> counts_;
 };
 
+// Answers a member call: logs it and injects the fault asked for, else hands out `value` (a
+// text as a new BSTR, an object with a new reference, null included, a number as it is).
+HRESULT PutAnswer(const std::u16string& value, BSTR* out);
+HRESULT PutAnswer(LONG value, LONG* out);
+HRESULT PutAnswer(DATE value, DATE* out);
+template <typename T, typename U>
+HRESULT PutAnswer(const ComPtr<U>& object, T** out) {
+  if (out == nullptr) return E_POINTER;
+  *out = object.get();
+  if (*out != nullptr) (*out)->AddRef();
+  return S_OK;
+}
+template <typename Value, typename Out>
+HRESULT Answer(std::string_view member, const Value& value, Out* out) {
+  if (const HRESULT entered = OutlookFaults::Get().Enter(member); FAILED(entered)) return entered;
+  return PutAnswer(value, out);
+}
+// Answers Item(index) of a collection: the 1-based VT_I4 index, as Outlook takes it.
+template <typename Items, typename Out>
+HRESULT AnswerItem(std::string_view member, const Items& items, const VARIANT& index, Out** out) {
+  if (const HRESULT entered = OutlookFaults::Get().Enter(member); FAILED(entered)) return entered;
+  if (out == nullptr) return E_POINTER;
+  if (index.vt != VT_I4) return DISP_E_TYPEMISMATCH;
+  if (index.lVal < 1 || static_cast<std::size_t>(index.lVal) > items.size()) {
+    return DISP_E_BADINDEX;
+  }
+  return PutAnswer(items[static_cast<std::size_t>(index.lVal) - 1], out);
+}
+
 // --- Events ----------------------------------------------------------------------------------
 
 // One outgoing interface. Advise asks the sink for the event interface; Raise calls Invoke on
@@ -86,55 +115,70 @@ class TestConnectionPoint : public ComObject<IConnectionPoint> {
   std::vector<std::pair<DWORD, ComPtr<IDispatch>>> sinks_;
 };
 
-// The container side of an event source with one connection point.
-class EventSource {
+// An object of interface `Interface` that raises events through one connection point.
+template <typename Interface>
+class WithEvents : public ComObject<Interface, IConnectionPointContainer> {
  public:
-  EventSource(std::string owner, const IID& events)
-      : owner_(owner), point_(MakeComObject<TestConnectionPoint>(owner, events)) {}
+  HRESULT STDMETHODCALLTYPE EnumConnectionPoints(IEnumConnectionPoints** points) override {
+    if (points != nullptr) *points = nullptr;
+    return E_NOTIMPL;
+  }
+  HRESULT STDMETHODCALLTYPE FindConnectionPoint(REFIID iid, IConnectionPoint** point) override {
+    const HRESULT entered = OutlookFaults::Get().Enter(owner_ + ".FindConnectionPoint");
+    if (FAILED(entered)) return entered;
+    if (point == nullptr) return E_POINTER;
+    *point = nullptr;
+    if (!IsEqualIID(iid, point_->EventsIid())) return CONNECT_E_NOCONNECTION;
+    return PutAnswer(point_, point);
+  }
   [[nodiscard]] TestConnectionPoint& Point() const noexcept { return *point_; }
 
  protected:
-  HRESULT Find(REFIID iid, IConnectionPoint** point);
+  WithEvents(std::string owner, const IID& events)
+      : owner_(owner), point_(MakeComObject<TestConnectionPoint>(std::move(owner), events)) {}
+
+  std::string owner_;
 
  private:
-  std::string owner_;
   ComPtr<TestConnectionPoint> point_;
 };
 
 // --- Windows ---------------------------------------------------------------------------------
 
-class TestExplorer : public ComObject<outlook::_Explorer, IConnectionPointContainer>,
-                     public EventSource {
+class TestExplorer : public WithEvents<outlook::_Explorer> {
  public:
-  TestExplorer() : EventSource("Explorer", outlook::IID_ExplorerEvents_10) {}
-  HRESULT STDMETHODCALLTYPE get_CurrentFolder(outlook::MAPIFolder** folder) override;
-  HRESULT STDMETHODCALLTYPE get_Selection(outlook::Selection** selection) override;
-  HRESULT STDMETHODCALLTYPE EnumConnectionPoints(IEnumConnectionPoints**) override;
-  HRESULT STDMETHODCALLTYPE FindConnectionPoint(REFIID iid, IConnectionPoint** point) override;
+  TestExplorer() : WithEvents("Explorer", outlook::IID_ExplorerEvents_10) {}
+  HRESULT STDMETHODCALLTYPE get_CurrentFolder(outlook::MAPIFolder** out) override {
+    return Answer("Explorer.CurrentFolder", currentFolder, out);
+  }
+  HRESULT STDMETHODCALLTYPE get_Selection(outlook::Selection** out) override {
+    return Answer("Explorer.Selection", selection, out);
+  }
 
   ComPtr<outlook::MAPIFolder> currentFolder;
   ComPtr<outlook::Selection> selection;
 };
 
-class TestInspector : public ComObject<outlook::_Inspector, IConnectionPointContainer>,
-                      public EventSource {
+class TestInspector : public WithEvents<outlook::_Inspector> {
  public:
-  TestInspector() : EventSource("Inspector", outlook::IID_InspectorEvents_10) {}
-  HRESULT STDMETHODCALLTYPE get_CurrentItem(IDispatch** item) override;
-  HRESULT STDMETHODCALLTYPE EnumConnectionPoints(IEnumConnectionPoints**) override;
-  HRESULT STDMETHODCALLTYPE FindConnectionPoint(REFIID iid, IConnectionPoint** point) override;
+  TestInspector() : WithEvents("Inspector", outlook::IID_InspectorEvents_10) {}
+  HRESULT STDMETHODCALLTYPE get_CurrentItem(IDispatch** out) override {
+    return Answer("Inspector.CurrentItem", currentItem, out);
+  }
 
   ComPtr<IDispatch> currentItem;
 };
 
 // A collection of windows of one kind, raising `opened` when a window opens.
 template <typename Collection, typename OutlookWindow, typename Window>
-class TestWindows : public ComObject<Collection, IConnectionPointContainer>, public EventSource {
+class TestWindows : public WithEvents<Collection> {
  public:
-  HRESULT STDMETHODCALLTYPE get_Count(LONG* count) override;
-  HRESULT STDMETHODCALLTYPE Item(VARIANT index, OutlookWindow** window) override;
-  HRESULT STDMETHODCALLTYPE EnumConnectionPoints(IEnumConnectionPoints**) override;
-  HRESULT STDMETHODCALLTYPE FindConnectionPoint(REFIID iid, IConnectionPoint** point) override;
+  HRESULT STDMETHODCALLTYPE get_Count(LONG* out) override {
+    return Answer(this->owner_ + ".Count", static_cast<LONG>(items.size()), out);
+  }
+  HRESULT STDMETHODCALLTYPE Item(VARIANT index, OutlookWindow** out) override {
+    return AnswerItem(this->owner_ + ".Item", items, index, out);
+  }
 
   // Appends a window and raises the event of a new window with it, as Outlook does when a
   // window opens.
@@ -144,10 +188,9 @@ class TestWindows : public ComObject<Collection, IConnectionPointContainer>, pub
 
  protected:
   TestWindows(std::string owner, const IID& events, DISPID opened)
-      : EventSource(owner, events), owner_(std::move(owner)), opened_(opened) {}
+      : WithEvents<Collection>(std::move(owner), events), opened_(opened) {}
 
  private:
-  std::string owner_;
   DISPID opened_;
 };
 
@@ -169,34 +212,46 @@ class TestInspectors
 class TestFolder : public ComObject<outlook::MAPIFolder> {
  public:
   explicit TestFolder(std::u16string folderName = u"Inbox") : name(std::move(folderName)) {}
-  HRESULT STDMETHODCALLTYPE get_Name(BSTR* result) override;
+  HRESULT STDMETHODCALLTYPE get_Name(BSTR* out) override {
+    return Answer("Folder.Name", name, out);
+  }
   std::u16string name;
 };
 
 class TestExchangeUser : public ComObject<outlook::ExchangeUser> {
  public:
   explicit TestExchangeUser(std::u16string smtp = {}) : primarySmtpAddress(std::move(smtp)) {}
-  HRESULT STDMETHODCALLTYPE get_PrimarySmtpAddress(BSTR* address) override;
+  HRESULT STDMETHODCALLTYPE get_PrimarySmtpAddress(BSTR* out) override {
+    return Answer("ExchangeUser.PrimarySmtpAddress", primarySmtpAddress, out);
+  }
   std::u16string primarySmtpAddress;
 };
 
 class TestAddressEntry : public ComObject<outlook::AddressEntry> {
  public:
-  HRESULT STDMETHODCALLTYPE GetExchangeUser(outlook::ExchangeUser** user) override;
+  HRESULT STDMETHODCALLTYPE GetExchangeUser(outlook::ExchangeUser** out) override {
+    return Answer("AddressEntry.GetExchangeUser", exchangeUser, out);
+  }
   ComPtr<outlook::ExchangeUser> exchangeUser;
 };
 
 class TestRecipient : public ComObject<outlook::Recipient> {
  public:
-  HRESULT STDMETHODCALLTYPE get_Address(BSTR* result) override;
-  HRESULT STDMETHODCALLTYPE get_AddressEntry(outlook::AddressEntry** entry) override;
+  HRESULT STDMETHODCALLTYPE get_Address(BSTR* out) override {
+    return Answer("Recipient.Address", address, out);
+  }
+  HRESULT STDMETHODCALLTYPE get_AddressEntry(outlook::AddressEntry** out) override {
+    return Answer("Recipient.AddressEntry", addressEntry, out);
+  }
   std::u16string address;
   ComPtr<outlook::AddressEntry> addressEntry;
 };
 
 class TestNameSpace : public ComObject<outlook::_NameSpace> {
  public:
-  HRESULT STDMETHODCALLTYPE get_CurrentUser(outlook::Recipient** user) override;
+  HRESULT STDMETHODCALLTYPE get_CurrentUser(outlook::Recipient** out) override {
+    return Answer("NameSpace.CurrentUser", currentUser, out);
+  }
   ComPtr<outlook::Recipient> currentUser;
 };
 
@@ -220,7 +275,9 @@ inline constexpr HRESULT kMapiNotFound = static_cast<HRESULT>(0x8004010Fu);
 
 class TestAttachment : public ComObject<outlook::Attachment> {
  public:
-  HRESULT STDMETHODCALLTYPE get_FileName(BSTR* name) override;
+  HRESULT STDMETHODCALLTYPE get_FileName(BSTR* out) override {
+    return Answer("Attachment.FileName", fileName, out);
+  }
   HRESULT STDMETHODCALLTYPE get_PropertyAccessor(outlook::PropertyAccessor** accessor) override;
   // Writes `content` to the file, replacing it.
   HRESULT STDMETHODCALLTYPE SaveAsFile(BSTR path) override;
@@ -235,13 +292,16 @@ class TestAttachment : public ComObject<outlook::Attachment> {
 
 class TestAttachments : public ComObject<outlook::Attachments> {
  public:
-  HRESULT STDMETHODCALLTYPE get_Count(LONG* count) override;
-  HRESULT STDMETHODCALLTYPE Item(VARIANT index, outlook::Attachment** attachment) override;
+  HRESULT STDMETHODCALLTYPE get_Count(LONG* out) override {
+    return Answer("Attachments.Count", static_cast<LONG>(items.size()), out);
+  }
+  HRESULT STDMETHODCALLTYPE Item(VARIANT index, outlook::Attachment** out) override {
+    return AnswerItem("Attachments.Item", items, index, out);
+  }
   std::vector<ComPtr<TestAttachment>> items;
 };
 
-// What SaveAs of a test item writes: a small UTF-8 page naming the subject. The paths written and
-// the type asked for are kept.
+// What SaveAs of a test item wrote: the paths, and the types asked for.
 struct SavedPages {
   std::vector<std::u16string> paths;
   std::vector<LONG> types;
@@ -251,14 +311,29 @@ struct SavedPages {
 template <typename Outlook>
 class TestItem : public ComObject<Outlook> {
  public:
-  HRESULT STDMETHODCALLTYPE get_Attachments(outlook::Attachments** result) override;
-  HRESULT STDMETHODCALLTYPE get_Importance(LONG* result) override;
-  HRESULT STDMETHODCALLTYPE get_ReceivedTime(DATE* time) override;
-  HRESULT STDMETHODCALLTYPE get_Sensitivity(LONG* result) override;
-  HRESULT STDMETHODCALLTYPE get_Subject(BSTR* result) override;
+  HRESULT STDMETHODCALLTYPE get_Attachments(outlook::Attachments** out) override {
+    return Answer(Member("Attachments"), attachments, out);
+  }
+  HRESULT STDMETHODCALLTYPE get_Importance(LONG* out) override {
+    return Answer(Member("Importance"), importance, out);
+  }
+  HRESULT STDMETHODCALLTYPE get_ReceivedTime(DATE* out) override {
+    return Answer(Member("ReceivedTime"), receivedTime, out);
+  }
+  HRESULT STDMETHODCALLTYPE get_Sensitivity(LONG* out) override {
+    return Answer(Member("Sensitivity"), sensitivity, out);
+  }
+  HRESULT STDMETHODCALLTYPE get_Subject(BSTR* out) override {
+    return Answer(Member("Subject"), subject, out);
+  }
+  // Writes a small UTF-8 page naming the subject, and keeps the path and type.
   HRESULT STDMETHODCALLTYPE SaveAs(BSTR path, VARIANT type) override;
-  HRESULT STDMETHODCALLTYPE get_SenderName(BSTR* result) override;
-  HRESULT STDMETHODCALLTYPE get_SenderEmailAddress(BSTR* result) override;
+  HRESULT STDMETHODCALLTYPE get_SenderName(BSTR* out) override {
+    return Answer(Member("SenderName"), senderName, out);
+  }
+  HRESULT STDMETHODCALLTYPE get_SenderEmailAddress(BSTR* out) override {
+    return Answer(Member("SenderEmailAddress"), senderEmailAddress, out);
+  }
 
   std::u16string subject;
   std::u16string senderName;
@@ -284,11 +359,15 @@ class TestItem : public ComObject<Outlook> {
 class TestMailItem : public TestItem<outlook::_MailItem> {
  public:
   TestMailItem() : TestItem("MailItem") {}
-  HRESULT STDMETHODCALLTYPE get_SenderEmailType(BSTR* result) override;
-  HRESULT STDMETHODCALLTYPE get_Sender(outlook::AddressEntry** result) override;
-  HRESULT STDMETHODCALLTYPE get_To(BSTR* result) override;
-  HRESULT STDMETHODCALLTYPE get_CC(BSTR* result) override;
-  HRESULT STDMETHODCALLTYPE get_BCC(BSTR* result) override;
+  HRESULT STDMETHODCALLTYPE get_SenderEmailType(BSTR* out) override {
+    return Answer("MailItem.SenderEmailType", senderEmailType, out);
+  }
+  HRESULT STDMETHODCALLTYPE get_Sender(outlook::AddressEntry** out) override {
+    return Answer("MailItem.Sender", sender, out);
+  }
+  HRESULT STDMETHODCALLTYPE get_To(BSTR* out) override { return Answer("MailItem.To", to, out); }
+  HRESULT STDMETHODCALLTYPE get_CC(BSTR* out) override { return Answer("MailItem.CC", cc, out); }
+  HRESULT STDMETHODCALLTYPE get_BCC(BSTR* out) override { return Answer("MailItem.BCC", bcc, out); }
 
   std::u16string senderEmailType = u"SMTP";
   ComPtr<outlook::AddressEntry> sender;
@@ -312,8 +391,12 @@ class TestOtherItem : public ComObject<IDispatch> {
 
 class TestSelection : public ComObject<outlook::Selection> {
  public:
-  HRESULT STDMETHODCALLTYPE get_Count(LONG* count) override;
-  HRESULT STDMETHODCALLTYPE Item(VARIANT index, IDispatch** item) override;
+  HRESULT STDMETHODCALLTYPE get_Count(LONG* out) override {
+    return Answer("Selection.Count", static_cast<LONG>(items.size()), out);
+  }
+  HRESULT STDMETHODCALLTYPE Item(VARIANT index, IDispatch** out) override {
+    return AnswerItem("Selection.Item", items, index, out);
+  }
   // Entries may be null: Item then answers S_OK with null.
   std::vector<ComPtr<IDispatch>> items;
 };
@@ -323,13 +406,27 @@ class TestSelection : public ComObject<outlook::Selection> {
 class TestApplication : public ComObject<outlook::_Application> {
  public:
   TestApplication();
-  HRESULT STDMETHODCALLTYPE get_Version(BSTR* result) override;
-  HRESULT STDMETHODCALLTYPE get_Explorers(outlook::_Explorers** result) override;
-  HRESULT STDMETHODCALLTYPE get_Inspectors(outlook::_Inspectors** result) override;
-  HRESULT STDMETHODCALLTYPE get_Session(outlook::_NameSpace** result) override;
-  HRESULT STDMETHODCALLTYPE ActiveWindow(IDispatch** window) override;
-  HRESULT STDMETHODCALLTYPE ActiveExplorer(outlook::_Explorer** explorer) override;
-  HRESULT STDMETHODCALLTYPE ActiveInspector(outlook::_Inspector** inspector) override;
+  HRESULT STDMETHODCALLTYPE get_Version(BSTR* out) override {
+    return Answer("Application.Version", version, out);
+  }
+  HRESULT STDMETHODCALLTYPE get_Explorers(outlook::_Explorers** out) override {
+    return Answer("Application.Explorers", explorers, out);
+  }
+  HRESULT STDMETHODCALLTYPE get_Inspectors(outlook::_Inspectors** out) override {
+    return Answer("Application.Inspectors", inspectors, out);
+  }
+  HRESULT STDMETHODCALLTYPE get_Session(outlook::_NameSpace** out) override {
+    return Answer("Application.Session", session, out);
+  }
+  HRESULT STDMETHODCALLTYPE ActiveWindow(IDispatch** out) override {
+    return Answer("Application.ActiveWindow", activeWindow, out);
+  }
+  HRESULT STDMETHODCALLTYPE ActiveExplorer(outlook::_Explorer** out) override {
+    return Answer("Application.ActiveExplorer", activeExplorer, out);
+  }
+  HRESULT STDMETHODCALLTYPE ActiveInspector(outlook::_Inspector** out) override {
+    return Answer("Application.ActiveInspector", activeInspector, out);
+  }
 
   // Makes `window` the active window and the active explorer (or inspector).
   void Activate(const ComPtr<TestExplorer>& window);
@@ -355,7 +452,9 @@ class TestRibbonUI : public ComObject<office::IRibbonUI> {
 class TestRibbonControl : public ComObject<office::IRibbonControl> {
  public:
   explicit TestRibbonControl(std::u16string controlId = {}) : id(std::move(controlId)) {}
-  HRESULT STDMETHODCALLTYPE get_Id(BSTR* result) override;
+  HRESULT STDMETHODCALLTYPE get_Id(BSTR* out) override {
+    return Answer("RibbonControl.Id", id, out);
+  }
   std::u16string id;
 };
 
@@ -380,6 +479,5 @@ template <typename T>
   if (object) object->QueryInterface(IID_IDispatch, result.put_void());
   return result;
 }
-
 
 }  // namespace mrwl::testing
