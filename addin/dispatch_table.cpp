@@ -23,19 +23,10 @@ std::u16string_view NameOf(LPOLESTR name) noexcept {
   return {text, length};
 }
 
-// The object of an interface argument, QueryInterface'd to `iid` unless it already is one.
+// The object of an interface argument as `type`: an object without IDispatch cannot be one.
 HRESULT CoerceInterface(IUnknown* object, VARTYPE type, VARIANT* out) noexcept {
-  out->vt = type;
-  if (type == VT_UNKNOWN) {
-    out->punkVal = object;
-    if (object != nullptr) object->AddRef();
-    return S_OK;
-  }
-  out->pdispVal = nullptr;
-  if (object == nullptr) return S_OK;
-  const HRESULT hr =
-      object->QueryInterface(IID_IDispatch, reinterpret_cast<void**>(&out->pdispVal));
-  if (FAILED(hr)) {
+  *out = MakeObjectVariant(object, type);
+  if (type == VT_DISPATCH && object != nullptr && out->pdispVal == nullptr) {
     out->vt = VT_EMPTY;
     return DISP_E_TYPEMISMATCH;
   }
