@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "foundation/paths.h"
 #include "foundation/wide_string.h"
 #include "platform/com.h"
 #include "platform/com_object.h"
@@ -48,25 +49,12 @@ std::u16string_view BareExtension(const char16_t* extension) noexcept {
   return text;
 }
 
-// The extension of `path`: searched back from the end for ".", stopping with none at "/", ":",
-// "\" or the start.
-bool FindExtension(std::u16string_view path, std::u16string_view* extension) noexcept {
-  for (std::size_t i = path.size(); i > 0; --i) {
-    const char16_t unit = path[i - 1];
-    if (unit == u'.') {
-      *extension = path.substr(i);
-      return true;
-    }
-    if (unit == u'/' || unit == u':' || unit == u'\\') return false;
-  }
-  return false;
-}
-
 // Forces the default extension on a chosen path: a name that ends in it, in any case, stays as
 // typed; any other name, one with a different extension included, gets it behind.
 bool AppendDefaultExtension(WideString& path, std::u16string_view extension) noexcept {
-  std::u16string_view found;
-  if (FindExtension(path.view(), &found) && EqualsNoCase(found, extension)) return true;
+  std::size_t length = 0;
+  const char16_t* found = GetPathExtension(path.c_str(), path.Length(), &length);
+  if (found != nullptr && EqualsNoCase({found, length}, extension)) return true;
   return path.Append(u'.') && path.Append(extension);
 }
 
