@@ -1,5 +1,7 @@
 #include "conversion/output_naming.h"
 
+#include <functional>
+#include <regex>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -44,17 +46,12 @@ TEST(SanitizeFileName, DropsTheFourteenUnitsAndKeepsBlanks) {
 }
 
 TEST(SanitizeFileName, LooksAtTheFirst256UnitsOfTheText) {
-  const std::u16string plain(300, u'x');
-  EXPECT_EQ(256u, Sanitized(plain).size());
-
-  std::u16string withDropped = plain;
-  for (int i = 0; i < 10; ++i) withDropped[static_cast<std::size_t>(i) * 20] = u'-';
-  EXPECT_EQ(246u, Sanitized(withDropped).size());
-
-  // A dropped unit behind the limit changes nothing.
-  std::u16string lateDropped = plain;
-  lateDropped[280] = u':';
-  EXPECT_EQ(256u, Sanitized(lateDropped).size());
+  std::u16string text(300, u'x');
+  EXPECT_EQ(256u, Sanitized(text).size());
+  text[280] = u':';  // behind the limit: changes nothing
+  EXPECT_EQ(256u, Sanitized(text).size());
+  for (std::size_t i = 0; i < 10; ++i) text[i * 20] = u'-';
+  EXPECT_EQ(246u, Sanitized(text).size());
 
   // Only `length` units are read, whatever stands behind them.
   WideString result;
@@ -62,100 +59,67 @@ TEST(SanitizeFileName, LooksAtTheFirst256UnitsOfTheText) {
   EXPECT_EQ("abc", Utf8(result));
 }
 
-class GetUserAndFolderTest : public ::testing::Test {
- public:  // the table of MissingUserGivesEmail arranges through these
-  void SetUp() override { OutlookFaults::Get().Reset(); }
-  void TearDown() override { OutlookFaults::Get().Reset(); }
-
-  void Run() {
-    user_.Clear();
-    folder_.Clear();
-    GetUserAndFolder(world_.application.get(), user_, folder_);
-  }
-  testing::TestRecipient& CurrentUser() {
-    return *static_cast<testing::TestRecipient*>(
-        static_cast<testing::TestNameSpace*>(world_.application->session.get())->currentUser.get());
-  }
-  void MakeExchangeUser(std::u16string smtp) {
-    auto entry = MakeComObject<testing::TestAddressEntry>();
-    entry->exchangeUser = MakeComObject<testing::TestExchangeUser>(std::move(smtp));
-    CurrentUser().addressEntry = entry;
-  }
-
-  testing::ExplorerWorld world_ = testing::MakeExplorerWorld({});
-  WideString user_;
-  WideString folder_;
-};
-
-TEST_F(GetUserAndFolderTest, NonExchangeUserIsTheRecipientAddress) {
-  Run();
-  EXPECT_EQ("ann.lee@example.org", Utf8(user_));
-  EXPECT_EQ("Inbox", Utf8(folder_));
-}
-
-TEST_F(GetUserAndFolderTest, ExchangeUserIsThePrimarySmtpAddress) {
-  CurrentUser().address = u"/o=Org/ou=Exchange/cn=Recipients/cn=ann";
-  MakeExchangeUser(u"ann@corp.example.org");
-  Run();
-  EXPECT_EQ("ann@corp.example.org", Utf8(user_));
-}
-
-TEST_F(GetUserAndFolderTest, EntryWithoutExchangeUserFallsBackToTheAddress) {
-  auto entry = MakeComObject<testing::TestAddressEntry>();
-  CurrentUser().addressEntry = entry;
-  Run();
-  EXPECT_EQ("ann.lee@example.org", Utf8(user_));
-}
-
-TEST_F(GetUserAndFolderTest, MissingUserGivesEmail) {
+TEST(GetUserAndFolder, TakesTheSmtpOrRecipientAddressAndTheFolderAsItStands) {
+  using World = testing::ExplorerWorld;
+  const auto session = [](World& w) -> testing::TestNameSpace& {
+    return *static_cast<testing::TestNameSpace*>(w.application->session.get());
+  };
+  const auto user = [session](World& w) -> testing::TestRecipient& {
+    return *static_cast<testing::TestRecipient*>(session(w).currentUser.get());
+  };
+  // An address entry, with an Exchange user of `smtp` unless it is null.
+  const auto entry = [](const char16_t* smtp) {
+    auto result = MakeComObject<testing::TestAddressEntry>();
+    if (smtp != nullptr) result->exchangeUser = MakeComObject<testing::TestExchangeUser>(smtp);
+    return result;
+  };
   struct Case {
     const char* name;
-    void (*arrange)(GetUserAndFolderTest&);
+    std::function<void(World&)> arrange;
+    const char* user;
+    const char* folder;
   };
+  const char* kAddress = "ann.lee@example.org";
   const Case cases[] = {
-      {"no current user",
-       [](GetUserAndFolderTest& t) {
-         static_cast<testing::TestNameSpace*>(t.world_.application->session.get())->currentUser =
-             nullptr;
-       }},
-      {"no session", [](GetUserAndFolderTest& t) { t.world_.application->session = nullptr; }},
-      {"empty address", [](GetUserAndFolderTest& t) { t.CurrentUser().address.clear(); }},
-      {"address unreadable",
-       [](GetUserAndFolderTest&) { OutlookFaults::Get().Fail("Recipient.Address", E_FAIL); }},
+      {"non-Exchange user", [](World&) {}, kAddress, "Inbox"},
+      {"Exchange user", [&](World& w) { user(w).addressEntry = entry(u"ann@corp.example.org"); },
+       "ann@corp.example.org", "Inbox"},
+      {"entry without an Exchange user", [&](World& w) { user(w).addressEntry = entry(nullptr); },
+       kAddress, "Inbox"},
+      {"no current user", [&](World& w) { session(w).currentUser = nullptr; }, "Email", "Inbox"},
+      {"no session", [](World& w) { w.application->session = nullptr; }, "Email", "Inbox"},
+      {"empty address", [&](World& w) { user(w).address.clear(); }, "Email", "Inbox"},
+      {"address unreadable", [](World&) { OutlookFaults::Get().Fail("Recipient.Address", E_FAIL); },
+       "Email", "Inbox"},
+      // The folder is proposed as the portfolio's name unsanitised, and has no fallback.
+      {"folder name with forbidden units",
+       [](World& w) {
+         w.explorer->currentFolder = MakeComObject<testing::TestFolder>(u"Q3: plans [old].");
+       },
+       kAddress, "Q3: plans [old]."},
+      {"no active explorer", [](World& w) { w.application->activeExplorer = nullptr; }, kAddress,
+       ""},
+      {"no current folder", [](World& w) { w.explorer->currentFolder = nullptr; }, kAddress, ""},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    world_ = testing::MakeExplorerWorld({});
     OutlookFaults::Get().Reset();
-    c.arrange(*this);
-    Run();
-    EXPECT_EQ("Email", Utf8(user_));
-    EXPECT_EQ("Inbox", Utf8(folder_));
+    World world = testing::MakeExplorerWorld({});
+    c.arrange(world);
+    WideString userText;
+    WideString folderText;
+    GetUserAndFolder(world.application.get(), userText, folderText);
+    EXPECT_EQ(c.user, Utf8(userText));
+    EXPECT_EQ(c.folder, Utf8(folderText));
   }
+  OutlookFaults::Get().Reset();
 }
 
-TEST_F(GetUserAndFolderTest, FolderNameIsTakenAsItStands) {
-  world_.explorer->currentFolder = MakeComObject<testing::TestFolder>(u"Q3: plans [old].");
-  Run();
-  EXPECT_EQ("Q3: plans [old].", Utf8(folder_));
-
-  world_.application->activeExplorer = nullptr;
-  Run();
-  EXPECT_EQ("", Utf8(folder_));
-  EXPECT_EQ("ann.lee@example.org", Utf8(user_));
-
-  world_ = testing::MakeExplorerWorld({});
-  world_.explorer->currentFolder = nullptr;
-  Run();
-  EXPECT_EQ("", Utf8(folder_));
-}
-
-// Points the temporary folder of the process at a test's folder.
+// Points the temporary folder of the process at `folder` for a scope; an empty one can't be told.
 class ScopedTempFolder {
  public:
-  explicit ScopedTempFolder(std::u16string folder) {
+  explicit ScopedTempFolder(std::u16string folder) : previous_(SetTempFolderHook(&Hook)) {
     Folder() = std::move(folder);
-    previous_ = SetTempFolderHook(&Hook);
   }
   ~ScopedTempFolder() { (void)SetTempFolderHook(previous_); }
 
@@ -166,46 +130,34 @@ class ScopedTempFolder {
   }
   static bool Hook(WideString& result, TempFolderFunction) noexcept {
     result = Folder();
-    return true;
+    return !Folder().empty();
   }
-  TempFolderHook previous_ = nullptr;
+  TempFolderHook previous_;
 };
 
 TEST(MakeUniqueTempName, NamesAFreshFileInTheTemporaryFolder) {
   testing::TempFolder temp;
-  const std::u16string folder = temp.WidePathOf("");
-  ScopedTempFolder scoped(folder);
-
+  const std::string folder = temp.PathOf("");
   WideString first;
-  ASSERT_TRUE(MakeUniqueTempName(u"mrwm_", u"html", first));
-  const std::string name = Utf8(first);
-  SCOPED_TRACE(name);
-  ASSERT_EQ(0u, name.rfind(Utf8(folder) + "mrwm_", 0));
-  EXPECT_EQ(".html", name.substr(name.size() - 5));
-  const std::string number =
-      name.substr(Utf8(folder).size() + 5, name.size() - 5 - Utf8(folder).size() - 5);
-  EXPECT_EQ(std::string::npos, number.find_first_not_of("0123456789abcdef"));
-  EXPECT_FALSE(temp.Exists(name.substr(Utf8(folder).size())));
+  {
+    ScopedTempFolder scoped(temp.WidePathOf(""));
+    ASSERT_TRUE(MakeUniqueTempName(u"mrwm_", u"html", first));
+    const std::string name = Utf8(first);
+    ASSERT_EQ(0u, name.rfind(folder, 0));
+    const std::string leaf = name.substr(folder.size());
+    EXPECT_TRUE(std::regex_match(leaf, std::regex("mrwm_[0-9a-f]+\\.html"))) << leaf;
+    EXPECT_FALSE(temp.Exists(leaf));
 
-  // A taken name is passed over: the next free number follows.
-  temp.Write(name.substr(Utf8(folder).size()), "taken");
-  WideString second;
-  ASSERT_TRUE(MakeUniqueTempName(u"mrwm_", u"html", second));
-  EXPECT_NE(name, Utf8(second));
-}
+    // A taken name is passed over.
+    temp.Write(leaf, "taken");
+    WideString second;
+    ASSERT_TRUE(MakeUniqueTempName(u"mrwm_", u"html", second));
+    EXPECT_NE(name, Utf8(second));
+  }
 
-TEST(MakeUniqueTempName, FailsEmptyWithoutATemporaryFolder) {
-  struct NoFolder {
-    static bool Hook(WideString& result, TempFolderFunction) noexcept {
-      result.Clear();
-      return false;
-    }
-  };
-  const TempFolderHook previous = SetTempFolderHook(&NoFolder::Hook);
-  WideString result(u"left over");
-  EXPECT_FALSE(MakeUniqueTempName(u"mrwm_", u"html", result));
-  EXPECT_TRUE(result.IsEmpty());
-  (void)SetTempFolderHook(previous);
+  ScopedTempFolder none(u"");
+  EXPECT_FALSE(MakeUniqueTempName(u"mrwm_", u"html", first));
+  EXPECT_TRUE(first.IsEmpty());
 }
 
 }  // namespace
