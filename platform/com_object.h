@@ -22,11 +22,23 @@ namespace mrwl {
 template <typename I>
 struct InterfaceId;
 
-#define MRWL_INTERFACE_ID(Interface, iidValue)                \
-  template <>                                                 \
-  struct mrwl::InterfaceId<Interface> {                       \
-    static constexpr const IID& value = iidValue;             \
+#define MRWL_INTERFACE_ID(Interface, iidValue)    \
+  template <>                                     \
+  struct mrwl::InterfaceId<Interface> {           \
+    static constexpr const IID& value = iidValue; \
   }
+
+// The answers of an IDispatch that has no type information objects: a count of 0, and no
+// description at any index.
+inline HRESULT NoTypeInfoCount(UINT* count) noexcept {
+  if (count == nullptr) return E_POINTER;
+  *count = 0;
+  return S_OK;
+}
+inline HRESULT NoTypeInfo(ITypeInfo** info) noexcept {
+  if (info != nullptr) *info = nullptr;
+  return DISP_E_BADINDEX;
+}
 
 template <typename... Interfaces>
 class ComObject : public Interfaces... {
@@ -55,15 +67,8 @@ class ComObject : public Interfaces... {
 
   // Objects reached through their virtual tables only answer IDispatch without a description:
   // no type information and no member by name or dispid.
-  HRESULT STDMETHODCALLTYPE GetTypeInfoCount(UINT* count) {
-    if (count == nullptr) return E_POINTER;
-    *count = 0;
-    return S_OK;
-  }
-  HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT, LCID, ITypeInfo** info) {
-    if (info != nullptr) *info = nullptr;
-    return DISP_E_BADINDEX;
-  }
+  HRESULT STDMETHODCALLTYPE GetTypeInfoCount(UINT* count) { return NoTypeInfoCount(count); }
+  HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT, LCID, ITypeInfo** info) { return NoTypeInfo(info); }
   HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID, LPOLESTR*, UINT, LCID, DISPID*) {
     return DISP_E_UNKNOWNNAME;
   }
