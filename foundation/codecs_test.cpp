@@ -69,66 +69,53 @@ std::string OpenSslMd5(const Bytes& in) {
 
 // --- AES -----------------------------------------------------------------------------------------
 
-TEST(Aes, PublishedBlockVectorsEncryptAndDecrypt) {
+// FIPS-197 appendix C (one block) and SP 800-38A F.2 (CBC), for each key size.
+TEST(Aes, PublishedVectorsEncryptAndDecrypt) {
   struct Case {
-    const char* key;
-    const char* cipher;
-  };
-  const Case kCases[] = {
-      {"000102030405060708090a0b0c0d0e0f", "69c4e0d86a7b0430d8cdb78070b4c55a"},
-      {"000102030405060708090a0b0c0d0e0f1011121314151617", "dda97ca4864cdfe06eaf70a0ec0d7191"},
-      {"000102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f",
-       "8ea2b7ca516745bfeafc49904b496089"},
-  };
-  const Bytes plain = FromHex("00112233445566778899aabbccddeeff");
-  for (const Case& c : kCases) {
-    SCOPED_TRACE(c.key);
-    Bytes key = FromHex(c.key);
-    Aes aes;
-    ASSERT_TRUE(aes.SetKey(key.data(), key.size() * 8));
-    EXPECT_EQ(static_cast<int>(key.size() / 4 + 6), aes.Rounds());
-    std::uint8_t out[16];
-    aes.EncryptBlock(plain.data(), out);
-    EXPECT_EQ(c.cipher, ToHex(out, 16));
-    aes.DecryptBlock(out, out);  // in place
-    EXPECT_EQ(ToHex(plain.data(), 16), ToHex(out, 16));
-  }
-}
-
-TEST(Aes, PublishedCbcVectorsEncryptAndDecrypt) {
-  struct Case {
-    const char* key;
-    const char* cipher;
-  };
-  const Case kCases[] = {
-      {"2b7e151628aed2a6abf7158809cf4f3c",
+    const char *blockKey, *blockCipher, *cbcKey, *cbcCipher;
+  } const kCases[] = {
+      {"000102030405060708090a0b0c0d0e0f", "69c4e0d86a7b0430d8cdb78070b4c55a",
+       "2b7e151628aed2a6abf7158809cf4f3c",
        "7649abac8119b246cee98e9b12e9197d5086cb9b507219ee95db113a917678b2"
        "73bed6b8e3c1743b7116e69e222295163ff1caa1681fac09120eca307586e1a7"},
-      {"8e73b0f7da0e6452c810f32b809079e562f8ead2522c6b7b",
+      {"000102030405060708090a0b0c0d0e0f1011121314151617", "dda97ca4864cdfe06eaf70a0ec0d7191",
+       "8e73b0f7da0e6452c810f32b809079e562f8ead2522c6b7b",
        "4f021db243bc633d7178183a9fa071e8b4d9ada9ad7dedf4e5e738763f69145a"
        "571b242012fb7ae07fa9baac3df102e008b0e27988598881d920a9e64f5615cd"},
-      {"603deb1015ca71be2b73aef0857d77811f352c073b6108d72d9810a30914dff4",
+      {"000102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f",
+       "8ea2b7ca516745bfeafc49904b496089",
+       "603deb1015ca71be2b73aef0857d77811f352c073b6108d72d9810a30914dff4",
        "f58c4c04d6e5f1ba779eabfb5f7bfbd69cfc4e967edb808d679f777bc6702c7d"
        "39f23369a9d9bacfa530e26304231461b2eb05e2c39be9fcda6c19078c6a9d1b"},
   };
+  const Bytes block = FromHex("00112233445566778899aabbccddeeff");
   const Bytes plain = FromHex(
       "6bc1bee22e409f96e93d7e117393172aae2d8a571e03ac9c9eb76fac45af8e51"
       "30c81c46a35ce411e5fbc1191a0a52eff69f2445df4f9b17ad2b417be66c3710");
   const Bytes iv = FromHex("000102030405060708090a0b0c0d0e0f");
   for (const Case& c : kCases) {
-    SCOPED_TRACE(c.key);
-    Bytes key = FromHex(c.key);
+    SCOPED_TRACE(c.blockKey);
+    Bytes key = FromHex(c.blockKey);
     Aes aes;
     ASSERT_TRUE(aes.SetKey(key.data(), key.size() * 8));
+    EXPECT_EQ(static_cast<int>(key.size() / 4 + 6), aes.Rounds());
+    std::uint8_t out[16];
+    aes.EncryptBlock(block.data(), out);
+    EXPECT_EQ(c.blockCipher, ToHex(out, 16));
+    aes.DecryptBlock(out, out);  // in place
+    EXPECT_EQ(ToHex(block.data(), 16), ToHex(out, 16));
+
+    key = FromHex(c.cbcKey);
+    ASSERT_TRUE(aes.SetKey(key.data(), key.size() * 8));
     // Two calls continue one chain: the chain block carries over.
-    Bytes chain = iv, out(plain.size());
-    aes.EncryptCbc(chain.data(), plain.data(), out.data(), 1);
-    aes.EncryptCbc(chain.data(), plain.data() + 16, out.data() + 16, 3);
-    EXPECT_EQ(c.cipher, ToHex(out.data(), out.size()));
-    EXPECT_EQ(ToHex(out.data() + 48, 16), ToHex(chain.data(), 16));
+    Bytes chain = iv, cipher(plain.size());
+    aes.EncryptCbc(chain.data(), plain.data(), cipher.data(), 1);
+    aes.EncryptCbc(chain.data(), plain.data() + 16, cipher.data() + 16, 3);
+    EXPECT_EQ(c.cbcCipher, ToHex(cipher.data(), cipher.size()));
+    EXPECT_EQ(ToHex(cipher.data() + 48, 16), ToHex(chain.data(), 16));
     chain = iv;
-    aes.DecryptCbc(chain.data(), out.data(), out.data(), 4);  // in place
-    EXPECT_EQ(plain, out);
+    aes.DecryptCbc(chain.data(), cipher.data(), cipher.data(), 4);  // in place
+    EXPECT_EQ(plain, cipher);
   }
 }
 
@@ -231,18 +218,18 @@ class SealTest : public testing::Test {
   }
 
   Bytes SealBytes(const Bytes& plain) {
-    static const std::uint8_t kNothing = 0;  // an empty vector has no data pointer
-    const std::uint8_t* data = plain.empty() ? &kNothing : plain.data();
     std::size_t size = 0;
-    EXPECT_EQ(kOk, Seal(&context_, data, plain.size(), nullptr, &size));
+    EXPECT_EQ(kOk, Seal(&context_, plain.data(), plain.size(), nullptr, &size));
     Bytes blob(size);
-    EXPECT_EQ(kOk, Seal(&context_, data, plain.size(), blob.data(), &size));
+    EXPECT_EQ(kOk, Seal(&context_, plain.data(), plain.size(), blob.data(), &size));
     EXPECT_EQ(blob.size(), size);
     return blob;
   }
 
-  // Unseals into a heap block of exactly `room` bytes, so that the sanitizer sees any overrun.
-  ResultCode UnsealBytes(const Bytes& blob, std::size_t room, Bytes* plain) {
+  // Unseals into a heap block of exactly `room` bytes (by default the blob's size), so that the
+  // sanitizer sees any overrun.
+  ResultCode UnsealBytes(const Bytes& blob, Bytes* plain, std::size_t room = SIZE_MAX) {
+    if (room == SIZE_MAX) room = blob.size();
     void* buffer = MemAlloc(room == 0 ? 1 : room);
     std::size_t length = room;
     ResultCode code = Unseal(&context_, blob.data(), blob.size(), buffer, &length);
@@ -254,16 +241,6 @@ class SealTest : public testing::Test {
     }
     MemFree(buffer);
     return code;
-  }
-
-  ResultCode UnsealBytes(const Bytes& blob, Bytes* plain) {
-    return UnsealBytes(blob, blob.size(), plain);
-  }
-
-  WideString SealString(std::u16string_view text) {
-    WideString sealed;
-    EXPECT_EQ(kOk, SealTextToString(&context_, text, sealed));
-    return sealed;
   }
 
   SealContext context_{};
@@ -289,18 +266,6 @@ TEST_F(SealTest, KeyLengthIsCutRoundedAndAtLeastSixteen) {
   EXPECT_EQ(kCodecInvalidArgument, SetSealKey(nullptr, key.data(), 16));
 }
 
-TEST_F(SealTest, BlobSizeIsLengthRoundedDownPlusFortyEight) {
-  UseKey("a sixteen byte k");
-  const struct {
-    std::size_t plain, blob;
-  } kCases[] = {{0, 48}, {1, 48}, {15, 48}, {16, 64}, {17, 64}, {31, 64}, {32, 80}, {1000, 1040}};
-  for (const auto& c : kCases) {
-    SCOPED_TRACE(c.plain);
-    Bytes plain(c.plain, 0x5A);
-    EXPECT_EQ(c.blob, SealBytes(plain).size());
-  }
-}
-
 TEST_F(SealTest, RoundTripsEveryLengthWithEachKeySize) {
   std::mt19937 random(7);
   for (std::string_view key : {"k", "0123456789abcdef0123", "0123456789abcdef01234567",
@@ -310,26 +275,14 @@ TEST_F(SealTest, RoundTripsEveryLengthWithEachKeySize) {
       SCOPED_TRACE(testing::Message() << "key " << key.size() << " length " << n);
       Bytes plain = RandomBytes(random, n), result;
       Bytes blob = SealBytes(plain);
+      EXPECT_EQ(n / 16 * 16 + 48, blob.size());
       std::size_t length = 0;
       ASSERT_EQ(kOk, Unseal(&context_, blob.data(), blob.size(), nullptr, &length));
       EXPECT_EQ(n, length);
-      ASSERT_EQ(kOk, UnsealBytes(blob, n, &result));  // room of exactly the result suffices
+      ASSERT_EQ(kOk, UnsealBytes(blob, &result, n));  // room of exactly the result suffices
       EXPECT_EQ(plain, result);
     }
   }
-}
-
-TEST_F(SealTest, EmptyValueSealsButCannotBeUnsealed) {
-  UseKey("key");
-  std::uint8_t nothing = 0;
-  std::size_t size = 48;
-  Bytes blob(48);
-  ASSERT_EQ(kOk, Seal(&context_, &nothing, 0, blob.data(), &size));
-  Bytes result;
-  EXPECT_EQ(kCodecInvalidArgument, UnsealBytes(blob, &result));
-  std::size_t length = 7;
-  EXPECT_EQ(kCodecInvalidArgument, Unseal(&context_, blob.data(), 48, nullptr, &length));
-  EXPECT_EQ(7u, length);
 }
 
 TEST_F(SealTest, TwoSealsOfTheSameDataDifferInEveryBlock) {
@@ -340,20 +293,6 @@ TEST_F(SealTest, TwoSealsOfTheSameDataDifferInEveryBlock) {
   for (std::size_t at = 0; at < first.size(); at += 16) {
     EXPECT_NE(ToHex(first.data() + at, 16), ToHex(second.data() + at, 16)) << "block at " << at;
   }
-}
-
-TEST_F(SealTest, AnyChangedByteOrWrongKeyFails) {
-  UseKey("the right key");
-  Bytes plain(37, 'p'), result;
-  const Bytes blob = SealBytes(plain);
-  for (std::size_t at = 0; at < blob.size(); ++at) {
-    SCOPED_TRACE(at);
-    Bytes damaged = blob;
-    damaged[at] ^= 0x01;
-    EXPECT_EQ(kCodecInvalidArgument, UnsealBytes(damaged, &result));
-  }
-  UseKey("the wrong key");
-  EXPECT_EQ(kCodecInvalidArgument, UnsealBytes(blob, &result));
 }
 
 TEST_F(SealTest, RoomAndArgumentsAreChecked) {
@@ -368,48 +307,58 @@ TEST_F(SealTest, RoomAndArgumentsAreChecked) {
   EXPECT_EQ(kCodecInvalidArgument, Seal(&context_, plain.data(), 20, blob.data(), nullptr));
   EXPECT_EQ(kCodecInvalidArgument, Seal(&context_, plain.data(), SIZE_MAX - 8, blob.data(), &size));
   blob = SealBytes(plain);
-  EXPECT_EQ(kCodecInvalidArgument, UnsealBytes(blob, 19, &result));
-  EXPECT_EQ(kOk, UnsealBytes(blob, 20, &result));
+  EXPECT_EQ(kCodecInvalidArgument, UnsealBytes(blob, &result, 19));
+  EXPECT_EQ(kOk, UnsealBytes(blob, &result, 20));
   std::size_t length = 20;
   EXPECT_EQ(kCodecInvalidArgument, Unseal(&context_, nullptr, 64, result.data(), &length));
   EXPECT_EQ(kCodecInvalidArgument, Unseal(&context_, blob.data(), 64, result.data(), nullptr));
+  // An empty value seals, but its blob cannot be told from damage.
+  std::uint8_t nothing = 0;
+  size = 48;
+  ASSERT_EQ(kOk, Seal(&context_, &nothing, 0, blob.data(), &size));
+  blob.resize(48);
+  EXPECT_EQ(kCodecInvalidArgument, UnsealBytes(blob, &result));
+  length = 7;
+  EXPECT_EQ(kCodecInvalidArgument, Unseal(&context_, blob.data(), 48, nullptr, &length));
+  EXPECT_EQ(7u, length);
   // A key length that the cipher does not take is refused both ways.
+  blob = SealBytes(plain);
   context_.KeyLength = 20;
   size = 64;
   EXPECT_EQ(kCodecInvalidArgument, Seal(&context_, plain.data(), 20, blob.data(), &size));
   EXPECT_EQ(kCodecInvalidArgument, UnsealBytes(blob, &result));
 }
 
-TEST_F(SealTest, TailBeyondWholeBlocksIsIgnored) {
-  UseKey("key");
-  Bytes plain(33, 't'), result;
-  Bytes blob = SealBytes(plain);
+TEST_F(SealTest, DamagedTruncatedAndForeignBlobsFailSafely) {
+  UseKey("the right key");
+  std::mt19937 random(5);
+  const Bytes plain = RandomBytes(random, 40);
+  const Bytes blob = SealBytes(plain);  // 80 bytes
+  Bytes result;
+  for (std::size_t at = 0; at < blob.size(); ++at) {
+    SCOPED_TRACE(::testing::Message() << "changed byte " << at);
+    Bytes damaged = blob;
+    damaged[at] ^= 0x01;
+    EXPECT_EQ(kCodecInvalidArgument, UnsealBytes(damaged, &result));
+  }
   for (std::size_t extra = 1; extra < 16; ++extra) {
-    SCOPED_TRACE(extra);
+    SCOPED_TRACE(::testing::Message() << "tail of " << extra);  // not a whole block: ignored
     Bytes longer = blob;
     longer.resize(blob.size() + extra, 0xEE);
     ASSERT_EQ(kOk, UnsealBytes(longer, &result));
     EXPECT_EQ(plain, result);
   }
-}
-
-TEST_F(SealTest, DamagedAndTruncatedBlobsOfEveryLengthFailSafely) {
-  UseKey("key");
-  std::mt19937 random(5);
-  const Bytes plain = RandomBytes(random, 40);
-  const Bytes blob = SealBytes(plain);  // 80 bytes
   for (std::size_t n = 0; n <= 80; ++n) {
-    SCOPED_TRACE(n);
-    Bytes result;
+    SCOPED_TRACE(::testing::Message() << "length " << n);
     // A prefix of the real blob: all but the whole one are refused.
     Bytes prefix(blob.begin(), blob.begin() + static_cast<std::ptrdiff_t>(n));
     for (std::size_t room : {std::size_t{0}, std::size_t{1}, n, std::size_t{80}}) {
-      ResultCode code = UnsealBytes(prefix, room, &result);
+      ResultCode code = UnsealBytes(prefix, &result, room);
       EXPECT_EQ(n == 80 && room >= 40 ? kOk : kCodecInvalidArgument, code) << "room " << room;
     }
     // Random bytes, as sealed text too, with and without the marker.
     Bytes noise = RandomBytes(random, n);
-    EXPECT_EQ(kCodecInvalidArgument, UnsealBytes(noise, n, &result));
+    EXPECT_EQ(kCodecInvalidArgument, UnsealBytes(noise, &result));
     std::u16string text(n / 2, u'\0');
     if (!text.empty()) std::memcpy(text.data(), noise.data(), text.size() * 2);
     WideString out;
@@ -417,25 +366,25 @@ TEST_F(SealTest, DamagedAndTruncatedBlobsOfEveryLengthFailSafely) {
     EXPECT_TRUE(code == kCodecInvalidArgument || code == kCodecDecryptFailure) << code;
     EXPECT_TRUE(out.IsEmpty());
   }
+  UseKey("the wrong key");
+  EXPECT_EQ(kCodecInvalidArgument, UnsealBytes(blob, &result));
 }
 
-TEST_F(SealTest, SealedTextCarriesTheMarkerAndRoundTrips) {
+TEST_F(SealTest, SealedTextIsReadWithOrWithoutTheMarker) {
   UseKey("text key");
+  WideString sealed, plain;
   for (std::size_t n : {1u, 7u, 8u, 255u, 256u, 300u, 1000u}) {
     SCOPED_TRACE(n);
     std::u16string text;
     for (std::size_t i = 0; i < n; ++i) text += static_cast<char16_t>(0x3B1 + i % 700);
-    WideString sealed = SealString(text);
+    ASSERT_EQ(kOk, SealTextToString(&context_, text, sealed));
     ASSERT_EQ(0, sealed[0]);
     EXPECT_EQ(((2 * n) / 16 * 16 + 48) / 2 + 1, sealed.Length());
-    WideString plain;
     ASSERT_EQ(kOk, UnsealTextToString(&context_, sealed, plain));
     EXPECT_EQ(text, plain.view());
   }
-}
 
-TEST_F(SealTest, TextWithoutMarkerIsReadWhole) {
-  UseKey("text key");
+  // Values stored before the marker existed are a bare blob.
   const std::u16string text = u"written before the marker existed";
   Bytes blob(text.size() * 2 + 48);
   std::size_t size = blob.size();
@@ -443,15 +392,11 @@ TEST_F(SealTest, TextWithoutMarkerIsReadWhole) {
   ASSERT_NE(0, blob[0] | blob[1]) << "a marker-like start would make this test ambiguous";
   std::u16string stored(size / 2, u'\0');
   std::memcpy(stored.data(), blob.data(), size);
-  WideString plain;
   ASSERT_EQ(kOk, UnsealTextToString(&context_, stored, plain));
   EXPECT_EQ(text, plain.view());
-}
 
-TEST_F(SealTest, MarkedTextThatFailsBothWaysIsADecryptFailure) {
-  UseKey("text key");
-  WideString sealed = SealString(u"secret");
-  WideString plain;
+  // Marked text that fails both as marked and as whole is a decrypt failure.
+  ASSERT_EQ(kOk, SealTextToString(&context_, u"secret", sealed));
   context_.KeyLength = 20;  // a key of a length the cipher does not take
   EXPECT_EQ(kCodecDecryptFailure, UnsealTextToString(&context_, sealed, plain));
   EXPECT_TRUE(plain.IsEmpty());
@@ -461,9 +406,10 @@ TEST_F(SealTest, MarkedTextThatFailsBothWaysIsADecryptFailure) {
   EXPECT_EQ(kCodecInvalidArgument, UnsealTextToString(&context_, sealed.view().substr(1), plain));
 }
 
-TEST_F(SealTest, WithoutContextTextIsCopied) {
-  const std::u16string_view text = u"plain as it stands";
-  char16_t buffer[32];
+TEST_F(SealTest, TextRoomIsCheckedWithTheLengthNeeded) {
+  // Without a context the text is copied, and too little room is an insufficient buffer.
+  std::u16string_view text = u"plain as it stands";
+  char16_t buffer[33];
   std::size_t length = text.size() - 1;
   EXPECT_EQ(kCodecInsufficientBuffer, SealText(nullptr, text.data(), text.size(), buffer, &length));
   EXPECT_EQ(text.size(), length);
@@ -477,25 +423,21 @@ TEST_F(SealTest, WithoutContextTextIsCopied) {
   EXPECT_EQ(text, out.view());
   ASSERT_EQ(kOk, SealTextToString(nullptr, u"", out));
   EXPECT_TRUE(out.IsEmpty());
-}
 
-TEST_F(SealTest, TextRoomIsCheckedWithTheLengthNeeded) {
+  // With one, too little room is an invalid argument when sealing.
   UseKey("text key");
-  const std::u16string_view text = u"0123456789";  // 20 bytes: a blob of 64, 33 units
-  std::size_t length = 0;
+  text = u"0123456789";  // 20 bytes: a blob of 64, 33 units
   ASSERT_EQ(kOk, SealText(&context_, text.data(), text.size(), nullptr, &length));
   EXPECT_EQ(33u, length);
-  std::vector<char16_t> buffer(33);
   length = 32;
-  EXPECT_EQ(kCodecInvalidArgument,
-            SealText(&context_, text.data(), text.size(), buffer.data(), &length));
+  EXPECT_EQ(kCodecInvalidArgument, SealText(&context_, text.data(), text.size(), buffer, &length));
   EXPECT_EQ(33u, length);
-  ASSERT_EQ(kOk, SealText(&context_, text.data(), text.size(), buffer.data(), &length));
+  ASSERT_EQ(kOk, SealText(&context_, text.data(), text.size(), buffer, &length));
   char16_t plain[10];
   std::size_t plainLength = 9;
-  EXPECT_EQ(kCodecDecryptFailure, UnsealText(&context_, buffer.data(), 33, plain, &plainLength));
+  EXPECT_EQ(kCodecDecryptFailure, UnsealText(&context_, buffer, 33, plain, &plainLength));
   plainLength = 10;
-  ASSERT_EQ(kOk, UnsealText(&context_, buffer.data(), 33, plain, &plainLength));
+  ASSERT_EQ(kOk, UnsealText(&context_, buffer, 33, plain, &plainLength));
   EXPECT_EQ(text, std::u16string_view(plain, plainLength));
 }
 

@@ -1,11 +1,11 @@
 #include "settings/addin_settings.h"
 
 #include <cstdint>
-#include <functional>
 #include <optional>
 #include <sstream>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -20,28 +20,14 @@ namespace {
 
 using ValueList = std::vector<std::pair<std::u16string, DWORD>>;
 
-constexpr std::u16string_view kDefaultCommandLine =
-    u"\"\" \"\" \\b \\h \\r \\iw 1280 \\ih 800 \\ld 500 \\is 65540 \\ic 1 \\pw 5953 \\ph 8419 "
-    u"\\mt 0 \\mb 0 \\ml 0 \\mr 0 ";
-
+// The bytes of `text` as the registry holds them.
 std::string Utf16Bytes(std::u16string_view text) {
-  std::string bytes;
-  for (char16_t unit : text) {
-    bytes.push_back(static_cast<char>(unit & 0xFF));
-    bytes.push_back(static_cast<char>(unit >> 8));
-  }
-  return bytes;
+  return {reinterpret_cast<const char*>(text.data()), text.size() * sizeof(char16_t)};
 }
 
 std::string DwordBytes(std::uint32_t value) {
   return {static_cast<char>(value), static_cast<char>(value >> 8), static_cast<char>(value >> 16),
           static_cast<char>(value >> 24)};
-}
-
-std::u16string Repeat(std::u16string_view part, int times) {
-  std::u16string out;
-  for (int i = 0; i < times; ++i) out += part;
-  return out;
 }
 
 std::string Repeat(std::string_view part, int times) {
@@ -66,7 +52,7 @@ void ChangeEveryField(AddinSettings& s) {
   s.PDFSpecification = 0x10007;
   s.CompressionLevel = 2;
   s.PaperSize = 3;
-  s.WebPageTargetWidth = 1600;
+  s.WebPageTargetWidth = 4294967295u;
   s.WebPageTargetHeight = 900;
   s.Units = 2;
   s.LoadDelay = 1500;
@@ -85,12 +71,12 @@ void ChangeEveryField(AddinSettings& s) {
   sec.sec128Changes = 3;
   sec.sec128Printing = 2;
   sec.secUserPassword.Assign(u"p\u00e4ssw\u00f6rd \u20ac");
-  sec.secOwnerPassword = Repeat(u"O", 57);
+  sec.secOwnerPassword.Assign(std::u16string(57, u'O'));
   s.RunApp->RunCustPDFApp = true;
   s.RunApp->RunPDFPath.Assign({u"C:\\Program Files\\Viewer\\view.exe\0", 33});
   s.RunApp->RunPDFParams.Assign({u"/p \"%f\"\0", 8});
   s.HandoffMappingName.Assign(u"map");
-  s.HandoffFilePath.Assign(u"/tmp/handoff.bin");
+  s.HandoffFilePath.Assign(u"/tmp/my files/mrwstg_1.bin");
   s.CeOption.Assign(u"ce");
 }
 
@@ -120,61 +106,51 @@ std::string StoredFields(const AddinSettings& s) {
 class SettingsStoreTest : public ::testing::Test {
  protected:
   void SetValue(const char16_t* name, DWORD type, std::string_view bytes) {
-    HKEY key = nullptr;
-    ASSERT_EQ(ERROR_SUCCESS, platform::RegCreateKeyExW(HKEY_CURRENT_USER, KeyPath(), 0, nullptr, 0,
-                                                       KEY_ALL_ACCESS, nullptr, &key, nullptr));
-    EXPECT_EQ(ERROR_SUCCESS, platform::RegSetValueExW(key, name, 0, type,
+    UniqueRegKey key;
+    ASSERT_EQ(ERROR_SUCCESS,
+              platform::RegCreateKeyExW(HKEY_CURRENT_USER, KeyPath(), 0, nullptr, 0, KEY_ALL_ACCESS,
+                                        nullptr, key.put(), nullptr));
+    EXPECT_EQ(ERROR_SUCCESS, platform::RegSetValueExW(key.get(), name, 0, type,
                                                       reinterpret_cast<const BYTE*>(bytes.data()),
                                                       static_cast<DWORD>(bytes.size())));
-    platform::RegCloseKey(key);
   }
   void SetDword(const char16_t* name, std::uint32_t value) {
     SetValue(name, REG_DWORD, DwordBytes(value));
   }
 
+  // The settings key, not valid when it does not exist.
+  UniqueRegKey OpenKey() {
+    UniqueRegKey key;
+    (void)platform::RegOpenKeyExW(HKEY_CURRENT_USER, KeyPath(), 0, KEY_READ, key.put());
+    return key;
+  }
+
   // The type and bytes of a value, or nothing when it (or the key) does not exist.
   std::optional<std::pair<DWORD, std::string>> Value(const char16_t* name) {
-    HKEY key = nullptr;
-    if (platform::RegOpenKeyExW(HKEY_CURRENT_USER, KeyPath(), 0, KEY_READ, &key) != 0) return {};
+    const UniqueRegKey key = OpenKey();
+    char bytes[1024];
     DWORD type = 0;
-    DWORD size = 0;
-    std::optional<std::pair<DWORD, std::string>> result;
-    if (platform::RegQueryValueExW(key, name, nullptr, &type, nullptr, &size) == ERROR_SUCCESS) {
-      std::string bytes(size, '\0');
-      EXPECT_EQ(ERROR_SUCCESS,
-                platform::RegQueryValueExW(key, name, nullptr, &type,
-                                           reinterpret_cast<BYTE*>(bytes.data()), &size));
-      result.emplace(type, bytes);
+    DWORD size = sizeof bytes;
+    if (!key || platform::RegQueryValueExW(key.get(), name, nullptr, &type,
+                                           reinterpret_cast<BYTE*>(bytes), &size) != 0) {
+      return {};
     }
-    platform::RegCloseKey(key);
-    return result;
+    return std::pair{type, std::string(bytes, size)};
   }
 
   ValueList ValuesInOrder() {
+    const UniqueRegKey key = OpenKey();
     ValueList values;
-    HKEY key = nullptr;
-    if (platform::RegOpenKeyExW(HKEY_CURRENT_USER, KeyPath(), 0, KEY_READ, &key) != 0) return {};
-    for (DWORD index = 0;; ++index) {
-      char16_t name[256];
-      DWORD nameLength = 256;
-      DWORD type = 0;
-      if (platform::RegEnumValueW(key, index, name, &nameLength, nullptr, &type, nullptr,
-                                  nullptr) != ERROR_SUCCESS) {
-        break;
-      }
+    char16_t name[256];
+    DWORD nameLength = 256;
+    DWORD type = 0;
+    for (DWORD index = 0;
+         key && platform::RegEnumValueW(key.get(), index, name, &nameLength, nullptr, &type,
+                                        nullptr, nullptr) == ERROR_SUCCESS;
+         ++index, nameLength = 256) {
       values.emplace_back(std::u16string(name, nameLength), type);
     }
-    platform::RegCloseKey(key);
     return values;
-  }
-
-  bool KeyExists() {
-    HKEY key = nullptr;
-    if (platform::RegOpenKeyExW(HKEY_CURRENT_USER, KeyPath(), 0, KEY_READ, &key) != 0) {
-      return false;
-    }
-    platform::RegCloseKey(key);
-    return true;
   }
 
   const char16_t* KeyPath() const { return settings_.SettingsKeyPath.c_str(); }
@@ -202,47 +178,23 @@ TEST_F(SettingsStoreTest, EveryStoredFieldSurvivesSaveAndLoad) {
 
 TEST_F(SettingsStoreTest, FirstSaveOfAnEmptyHiveCreatesTheKeyWithEveryValue) {
   settings_.LoadSettings();
-  EXPECT_FALSE(KeyExists()) << "a load must never create the key";
+  EXPECT_FALSE(OpenKey()) << "a load must never create the key";
   EXPECT_EQ(StoredFields(AddinSettings()), StoredFields(settings_));
 
   settings_.SaveSettings();
   ValueList expected;
-  for (std::u16string name : {u"WebPageTargetWidth",
-                              u"LoadDelay",
-                              u"PaperSize",
-                              u"PDFSpecification",
-                              u"CompressionLevel",
-                              u"Units",
-                              u"LandscapeOrienatation",
-                              u"UseWebPageBackgroundColor",
-                              u"GenerateLinks",
-                              u"RunPDFApp",
-                              u"UseWebPageCopy",
-                              u"ConvertAttachments",
-                              u"PageWidth2",
-                              u"PageHeight2",
-                              u"MarginTop2",
-                              u"MarginBottom2",
-                              u"MarginLeft2",
-                              u"MarginRight2",
-                              u"RunCustPDFApp",
-                              u"RunPDFPath",
-                              u"RunPDFParams",
-                              u"secEnabled",
-                              u"secHasUserPassword",
-                              u"secHasOwnerPassword",
-                              u"secUserPassword",
-                              u"secOwnerPassword",
-                              u"secType",
-                              u"sec40AllowPrinting",
-                              u"sec40AllowChanging",
-                              u"sec40AllowCopying",
-                              u"sec40AllowComments",
-                              u"sec128ContentAccess",
-                              u"sec128AllowCopying",
-                              u"sec128Changes",
-                              u"sec128Printing",
-                              u"sec128EncryptMeta"}) {
+  // clang-format off
+  for (std::u16string name : {
+           u"WebPageTargetWidth", u"LoadDelay", u"PaperSize", u"PDFSpecification",
+           u"CompressionLevel", u"Units", u"LandscapeOrienatation", u"UseWebPageBackgroundColor",
+           u"GenerateLinks", u"RunPDFApp", u"UseWebPageCopy", u"ConvertAttachments", u"PageWidth2",
+           u"PageHeight2", u"MarginTop2", u"MarginBottom2", u"MarginLeft2", u"MarginRight2",
+           u"RunCustPDFApp", u"RunPDFPath", u"RunPDFParams", u"secEnabled", u"secHasUserPassword",
+           u"secHasOwnerPassword", u"secUserPassword", u"secOwnerPassword", u"secType",
+           u"sec40AllowPrinting", u"sec40AllowChanging", u"sec40AllowCopying",
+           u"sec40AllowComments", u"sec128ContentAccess", u"sec128AllowCopying", u"sec128Changes",
+           u"sec128Printing", u"sec128EncryptMeta"}) {
+    // clang-format on
     const bool text = name.starts_with(u"RunPDFP");
     const bool password = name == u"secUserPassword" || name == u"secOwnerPassword";
     expected.emplace_back(name, text ? REG_SZ : password ? REG_BINARY : REG_DWORD);
@@ -256,9 +208,8 @@ TEST_F(SettingsStoreTest, FirstSaveOfAnEmptyHiveCreatesTheKeyWithEveryValue) {
   EXPECT_EQ(Stored({REG_SZ, std::string("%\0f\0\0\0", 6)}), Value(u"RunPDFParams"));
   EXPECT_EQ(Stored({REG_SZ, std::string(2, '\0')}), Value(u"RunPDFPath"));
   EXPECT_EQ(Stored({REG_BINARY, ""}), Value(u"secUserPassword"));
-}
 
-TEST_F(SettingsStoreTest, GeometryIsStoredInThousandthsTruncatedTowardsZero) {
+  // Geometry is stored in thousandths, truncated towards zero.
   settings_.PageWidth = 100.0009;
   settings_.MarginLeft = 0.0015;
   settings_.MarginRight = 2.9999;
@@ -281,11 +232,10 @@ TEST_F(SettingsStoreTest, LegacyGeometryIsTakenOverAndDeleted) {
   // clang-format off
   const std::vector<Case> cases = {
       {&AddinSettings::PageWidth, u"PageWidth", REG_DWORD, DwordBytes(5953), 0, 595.3, false},
-      {&AddinSettings::PageHeight, u"PageHeight", REG_DWORD, DwordBytes(8000), 600000, 600.0, false},
+      {&AddinSettings::PageHeight, u"PageHeight", REG_DWORD, DwordBytes(8000), 600000, 600, false},
       {&AddinSettings::MarginTop, u"MarginTop", REG_DWORD, DwordBytes(125), 0, 12.5, false},
-      {&AddinSettings::MarginBottom, u"MarginBottom", REG_SZ, Utf16Bytes({u"1\0", 2}), 0, 0.0, true},
-      {&AddinSettings::MarginLeft, u"MarginLeft", REG_DWORD, DwordBytes(7) + DwordBytes(0), 0, 0.0,
-       true},
+      {&AddinSettings::MarginBottom, u"MarginBottom", REG_SZ, Utf16Bytes({u"1\0", 2}), 0, 0, true},
+      {&AddinSettings::MarginLeft, u"MarginLeft", REG_DWORD, std::string(8, 1), 0, 0, true},
       {&AddinSettings::MarginRight, u"MarginRight", REG_DWORD, DwordBytes(1), 0, 0.1, false},
   };
   // clang-format on
@@ -323,7 +273,7 @@ TEST_F(SettingsStoreTest, StringValuesStandOnlyWhenTerminated) {
     std::u16string expected;
   };
   const std::u16string before = u"before";
-  const std::vector<Case> cases = {
+  const Case cases[] = {
       {"terminated", REG_SZ, Utf16Bytes({u"C:\0", 3}), {u"C:\0", 3}},
       {"expand, not expanded", REG_EXPAND_SZ, Utf16Bytes({u"%T%\0", 4}), {u"%T%\0", 4}},
       {"no terminator", REG_SZ, Utf16Bytes(u"ab"), u""},
@@ -331,8 +281,7 @@ TEST_F(SettingsStoreTest, StringValuesStandOnlyWhenTerminated) {
       {"empty data", REG_SZ, "", u""},
       {"binary", REG_BINARY, Utf16Bytes({u"x\0", 2}), before},
       {"dword", REG_DWORD, DwordBytes(1), before},
-      {"absent", {}, "", before},
-  };
+      {"absent", {}, "", before}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
     if (c.type) SetValue(u"RunPDFPath", *c.type, c.bytes);
@@ -349,14 +298,12 @@ TEST_F(SettingsStoreTest, DwordValuesOfTheWrongShapeLeaveTheField) {
     std::string bytes;
     std::uint32_t expected;
   };
-  const std::vector<Case> cases = {
-      {"four bytes", REG_DWORD, DwordBytes(1234), 1234},
-      {"two bytes fill the low end", REG_DWORD, "\x39\x30", 0x3039},
-      {"eight bytes", REG_DWORD, DwordBytes(1) + DwordBytes(0), 777},
-      {"qword", REG_QWORD, DwordBytes(1) + DwordBytes(0), 777},
-      {"binary", REG_BINARY, DwordBytes(1), 777},
-      {"string", REG_SZ, Utf16Bytes({u"9\0", 2}), 777},
-  };
+  const Case cases[] = {{"four bytes", REG_DWORD, DwordBytes(1234), 1234},
+                        {"two bytes fill the low end", REG_DWORD, "\x39\x30", 0x3039},
+                        {"eight bytes", REG_DWORD, std::string(8, 1), 777},
+                        {"qword", REG_QWORD, std::string(8, 1), 777},
+                        {"binary", REG_BINARY, DwordBytes(1), 777},
+                        {"string", REG_SZ, Utf16Bytes({u"9\0", 2}), 777}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
     SetValue(u"LoadDelay", c.type, c.bytes);
@@ -397,23 +344,18 @@ TEST_F(SettingsStoreTest, UnreadablePasswordsComeOutEmpty) {
 
 TEST_F(SettingsStoreTest, MissingSubRecordThrowsFromTheSecurityBlock) {
   settings_.Security = SharedRecord<SecuritySettings>();
-  HRESULT thrown = S_OK;
-  try {
-    settings_.SaveSettings();
-  } catch (HRESULT hr) {
-    thrown = hr;
-  }
-  EXPECT_EQ(E_FAIL, thrown);
+  auto thrownBy = [](auto call) {
+    try {
+      call();
+    } catch (HRESULT hr) {
+      return hr;
+    }
+    return S_OK;
+  };
+  EXPECT_EQ(E_FAIL, thrownBy([&] { settings_.SaveSettings(); }));
   EXPECT_TRUE(Value(u"RunPDFParams").has_value()) << "values before the block are written";
   EXPECT_FALSE(Value(u"secEnabled").has_value());
-
-  thrown = S_OK;
-  try {
-    settings_.LoadSettings();
-  } catch (HRESULT hr) {
-    thrown = hr;
-  }
-  EXPECT_EQ(E_FAIL, thrown);
+  EXPECT_EQ(E_FAIL, thrownBy([&] { settings_.LoadSettings(); }));
 }
 
 TEST_F(SettingsStoreTest, ClearHandoffFileDeletesTheFileAndForgetsIt) {
@@ -436,52 +378,28 @@ TEST(AddinSettings, ResetPutsDefaultsBackInTheSameSubRecords) {
   EXPECT_EQ(runApp, settings.RunApp.get());
   EXPECT_EQ(u"Software\\Test\\Reset", settings.SettingsKeyPath.view());
   EXPECT_EQ(StoredFields(AddinSettings()), StoredFields(settings));
-  EXPECT_EQ(kDefaultCommandLine, CommandLine(settings)) << "with the fields never stored";
+  EXPECT_EQ(CommandLine(AddinSettings()), CommandLine(settings)) << "with the fields never stored";
 }
 
 TEST(AddinSettings, CommandLineCarriesFlagsNumbersAndTheHandoff) {
-  struct Case {
-    const char* what;
-    std::function<void(AddinSettings&)> change;
-    std::u16string_view expected;
-  };
-  const std::vector<Case> cases = {
-      {"defaults", [](AddinSettings&) {}, kDefaultCommandLine},
-      {"everything set",
-       [](AddinSettings& s) {
-         s.LandscapeOrienatation = s.HiOption = true;
-         s.PDFSpecification = 0x10007;
-         s.CompressionLevel = 2;
-         s.WebPageTargetWidth = 4294967295u;
-         s.LoadDelay = 0;
-         s.PageWidth = 612.0;
-         s.PageHeight = 792.99;
-         s.MarginTop = 12.34;
-         s.MarginBottom = 0.05;
-         s.MarginLeft = 1.0;
-         s.MarginRight = 72.0;
-         s.HandoffFilePath.Assign(u"/tmp/my files/mrwstg_1.bin");
-         s.HandoffMappingName.Assign(u"MRW:IEP:HTMLData");
-         s.CeOption.Assign(u"x1");
-       },
-       u"\"in.html\" \"out.pdf\" \\l \\b \\h \\r \\hi \\iw 4294967295 \\ih 800 \\ld 0 "
-       u"\\is 65543 \\ic 2 \\pw 6120 \\ph 7929 \\mt 123 \\mb 0 \\ml 10 \\mr 720 "
-       u"\\bp /tmp/my files/mrwstg_1.bin \\ce x1 "},
-      {"mapping without a file, flags off",
-       [](AddinSettings& s) {
-         s.UseWebPageBackgroundColor = s.GenerateLinks = s.RunPDFApp = false;
-         s.HandoffMappingName.Assign(u"MRW:IEP:HTMLData");
-       },
-       u"\"in.html\" \"out.pdf\" \\iw 1280 \\ih 800 \\ld 500 \\is 65540 \\ic 1 \\pw 5953 "
-       u"\\ph 8419 \\mt 0 \\mb 0 \\ml 0 \\mr 0 \\sm MRW:IEP:HTMLData "},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.what);
+  const std::tuple<const char*, void (*)(AddinSettings&), std::u16string_view> cases[] = {
+      {"defaults", [](AddinSettings&) {},
+       u"\"in.html\" \"out.pdf\" \\b \\h \\r \\iw 1280 \\ih 800 \\ld 500 \\is 65540 \\ic 1 "
+       u"\\pw 5953 \\ph 8419 \\mt 0 \\mb 0 \\ml 0 \\mr 0 "},
+      // Tenths truncated towards zero; the file path goes unquoted and wins over the mapping.
+      {"every field changed", &ChangeEveryField,
+       u"\"in.html\" \"out.pdf\" \\l \\hi \\iw 4294967295 \\ih 900 \\ld 1500 \\is 65543 \\ic 2 "
+       u"\\pw 6125 \\ph 7922 \\mt 123 \\mb 15 \\ml 0 \\mr 360 \\bp /tmp/my files/mrwstg_1.bin "
+       u"\\ce ce "},
+      {"mapping without a file",
+       [](AddinSettings& s) { s.HandoffMappingName.Assign(u"MRW:IEP:HTMLData"); },
+       u"\"in.html\" \"out.pdf\" \\b \\h \\r \\iw 1280 \\ih 800 \\ld 500 \\is 65540 \\ic 1 "
+       u"\\pw 5953 \\ph 8419 \\mt 0 \\mb 0 \\ml 0 \\mr 0 \\sm MRW:IEP:HTMLData "}};
+  for (const auto& [what, change, expected] : cases) {
+    SCOPED_TRACE(what);
     AddinSettings settings;
-    c.change(settings);
-    const bool named = c.expected != kDefaultCommandLine;
-    EXPECT_EQ(c.expected,
-              CommandLine(settings, named ? u"in.html" : u"", named ? u"out.pdf" : u""));
+    change(settings);
+    EXPECT_EQ(expected, CommandLine(settings, u"in.html", u"out.pdf"));
   }
 }
 
@@ -508,21 +426,15 @@ TEST(PasswordCoding, LinesBreakAfterNineteenGroups) {
 }
 
 TEST(PasswordCoding, DecoderSkipsNoiseStopsAtNulAndRefusesOddBytes) {
-  struct Case {
-    std::string stored;
-    bool ok;
-    std::u16string expected;
-  };
-  const std::vector<Case> cases = {
+  const std::tuple<std::string, bool, std::u16string> cases[] = {
       {"QQBC\r\nAA==", true, u"AB"}, {"QQ=A=", true, u"A"},
       {" Q*Q-A\n", true, u"A"},      {std::string("QQA=\0QgA=", 9), true, u"A"},
-      {"QQ==", false, u""},          {"QQBCAA", true, u"AB"},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.stored);
+      {"QQ==", false, u""},          {"QQBCAA", true, u"AB"}};
+  for (const auto& [stored, ok, expected] : cases) {
+    SCOPED_TRACE(stored);
     WideString decoded(u"left over");
-    EXPECT_EQ(c.ok, DecodePassword(c.stored, decoded));
-    EXPECT_EQ(c.expected, decoded.view());
+    EXPECT_EQ(ok, DecodePassword(stored, decoded));
+    EXPECT_EQ(expected, decoded.view());
   }
   const std::u16string wide = u"p\u00e4ss \u20ac \U0001F600";
   std::string stored;

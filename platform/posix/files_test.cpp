@@ -1,12 +1,10 @@
 #include "platform/files.h"
 
-#include <algorithm>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <set>
 #include <string>
-#include <vector>
+#include <tuple>
+#include <utility>
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -22,62 +20,63 @@ namespace {
 
 namespace fs = std::filesystem;
 
+// The last error after a call that should have failed; -1 when it succeeded.
+long ErrorOf(bool ok) { return ok ? -1 : static_cast<long>(GetLastError()); }
+long ErrorOf(const UniqueFile& file) { return ErrorOf(file.is_valid()); }
+
 class FilesTest : public ::testing::Test {
  protected:
   UniqueFile Open(const std::string& name, DWORD access, DWORD share, DWORD disposition,
                   DWORD flags = FILE_ATTRIBUTE_NORMAL) const {
-    return UniqueFile(
-        CreateFileW(temp_.WidePathOf(name).c_str(), access, share, disposition, flags));
+    return UniqueFile(CreateFileW(P(name).c_str(), access, share, disposition, flags));
   }
+  std::u16string P(const std::string& name) const { return temp_.WidePathOf(name); }
+  bool Move(const std::string& from, const std::string& to, DWORD flags = 0) const {
+    return MoveFileExW(P(from).c_str(), P(to).c_str(), flags);
+  }
+  bool Delete(const std::string& name) const { return DeleteFileW(P(name).c_str()); }
 
-  // The names a pattern finds in the folder, in any order.
-  std::set<std::string> Find(const std::string& pattern) const {
+  // The names a pattern finds in the folder, in any order, and the last error of the search.
+  std::pair<std::set<std::string>, long> Find(const std::string& pattern) const {
     std::set<std::string> names;
     FindDataW data{};
-    UniqueFind find(FindFirstFileW(temp_.WidePathOf(pattern).c_str(), &data));
-    if (!find) {
-      lastFindError_ = GetLastError();
-      return names;
+    UniqueFind find(FindFirstFileW(P(pattern).c_str(), &data));
+    if (find) {
+      do {
+        names.insert(posix::ToUtf8(data.cFileName));
+      } while (FindNextFileW(find.get(), &data));
     }
-    do {
-      names.insert(posix::ToUtf8(data.cFileName));
-    } while (FindNextFileW(find.get(), &data));
-    lastFindError_ = GetLastError();
-    return names;
+    return {names, static_cast<long>(GetLastError())};
   }
 
   testing::TempFolder temp_;
-  mutable DWORD lastFindError_ = 0;
 };
 
 TEST_F(FilesTest, DispositionsFollowWindowsOnNewAndExistingFiles) {
   struct Case {
     DWORD disposition;
     bool existing;
-    bool opens;
-    DWORD lastError;
+    DWORD lastError;           // the file opens unless it is an error of its own
     const char* contentAfter;  // null: no file
-  } cases[] = {
-      {CREATE_NEW, false, true, ERROR_SUCCESS, ""},
-      {CREATE_NEW, true, false, ERROR_FILE_EXISTS, "old"},
-      {CREATE_ALWAYS, false, true, ERROR_SUCCESS, ""},
-      {CREATE_ALWAYS, true, true, ERROR_ALREADY_EXISTS, ""},
-      {OPEN_EXISTING, false, false, ERROR_FILE_NOT_FOUND, nullptr},
-      {OPEN_EXISTING, true, true, ERROR_SUCCESS, "old"},
-      {OPEN_ALWAYS, false, true, ERROR_SUCCESS, ""},
-      {OPEN_ALWAYS, true, true, ERROR_ALREADY_EXISTS, "old"},
-      {TRUNCATE_EXISTING, false, false, ERROR_FILE_NOT_FOUND, nullptr},
-      {TRUNCATE_EXISTING, true, true, ERROR_SUCCESS, ""},
   };
-  int index = 0;
+  // clang-format off
+  const Case cases[] = {
+      {CREATE_NEW, false, ERROR_SUCCESS, ""}, {CREATE_NEW, true, ERROR_FILE_EXISTS, "old"},
+      {CREATE_ALWAYS, false, ERROR_SUCCESS, ""}, {CREATE_ALWAYS, true, ERROR_ALREADY_EXISTS, ""},
+      {OPEN_EXISTING, false, ERROR_FILE_NOT_FOUND, nullptr},
+      {OPEN_EXISTING, true, ERROR_SUCCESS, "old"}, {OPEN_ALWAYS, false, ERROR_SUCCESS, ""},
+      {OPEN_ALWAYS, true, ERROR_ALREADY_EXISTS, "old"},
+      {TRUNCATE_EXISTING, false, ERROR_FILE_NOT_FOUND, nullptr},
+      {TRUNCATE_EXISTING, true, ERROR_SUCCESS, ""}};
+  // clang-format on
   for (const Case& c : cases) {
     SCOPED_TRACE(::testing::Message()
                  << "disposition " << c.disposition << " existing " << c.existing);
-    const std::string name = "d" + std::to_string(index++);
+    const std::string name = "d" + std::to_string(&c - cases);
     if (c.existing) temp_.Write(name, "old");
     SetLastError(12345);
     UniqueFile file = Open(name, GENERIC_READ | GENERIC_WRITE, 0, c.disposition);
-    EXPECT_EQ(file.is_valid(), c.opens);
+    EXPECT_EQ(file.is_valid(), c.lastError == ERROR_SUCCESS || c.lastError == ERROR_ALREADY_EXISTS);
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(c.lastError));
     file.reset();
     if (c.contentAfter == nullptr) {
@@ -92,12 +91,10 @@ TEST_F(FilesTest, CreatedFilesArePrivateAndMissingFoldersAreReported) {
   ASSERT_TRUE(Open("new", GENERIC_WRITE, 0, CREATE_NEW));
   EXPECT_EQ(fs::status(temp_.path() / "new").permissions() & fs::perms::all,
             fs::perms::owner_read | fs::perms::owner_write);
-
-  EXPECT_FALSE(Open("missing/file", GENERIC_READ, 0, OPEN_EXISTING));
-  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_PATH_NOT_FOUND));
+  EXPECT_EQ(ErrorOf(Open("missing/file", GENERIC_READ, 0, OPEN_EXISTING)), ERROR_PATH_NOT_FOUND);
   fs::create_directory(temp_.path() / "sub");
-  EXPECT_FALSE(Open("sub", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING));
-  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_ACCESS_DENIED));
+  EXPECT_EQ(ErrorOf(Open("sub", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING)),
+            ERROR_ACCESS_DENIED);
 }
 
 TEST_F(FilesTest, ShareModesAreEnforcedBetweenHandles) {
@@ -106,7 +103,8 @@ TEST_F(FilesTest, ShareModesAreEnforcedBetweenHandles) {
   struct Case {
     DWORD firstAccess, firstShare, secondAccess, secondShare;
     bool secondOpens;
-  } cases[] = {
+  };
+  const Case cases[] = {
       {kRead, kShareRead, kRead, kShareRead, true},
       {kRead, kShareRead, kWrite, kShareRead, false},          // first does not share write
       {kRead | kWrite, kShareRead, kRead, kShareRead, false},  // second does not share write
@@ -114,53 +112,42 @@ TEST_F(FilesTest, ShareModesAreEnforcedBetweenHandles) {
       {kRead, 0, kRead, kShareRead, false},  // exclusive first
       {kWrite, kShareWrite, kWrite, kShareWrite, true},
       {kWrite, kShareWrite, kRead, kShareWrite, false},  // first does not share read
-      {0, 0, kRead | kWrite, 0, true},                   // no data access, no conflict
-  };
+      {0, 0, kRead | kWrite, 0, true}};                  // no data access, no conflict
   temp_.Write("shared", "x");
   for (const Case& c : cases) {
     SCOPED_TRACE(::testing::Message() << std::hex << c.firstAccess << "/" << c.firstShare
                                       << " then " << c.secondAccess << "/" << c.secondShare);
     UniqueFile first = Open("shared", c.firstAccess, c.firstShare, OPEN_EXISTING);
     ASSERT_TRUE(first);
-    UniqueFile second = Open("shared", c.secondAccess, c.secondShare, OPEN_EXISTING);
-    EXPECT_EQ(second.is_valid(), c.secondOpens);
-    if (!c.secondOpens) {
-      EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_SHARING_VIOLATION));
-    }
+    // Each case also needs the handles of the one before to have let go of the file.
+    EXPECT_EQ(ErrorOf(Open("shared", c.secondAccess, c.secondShare, OPEN_EXISTING)),
+              c.secondOpens ? -1 : ERROR_SHARING_VIOLATION);
   }
-  // Once the blocking handle is gone the open succeeds.
-  { UniqueFile exclusive = Open("shared", kRead, 0, OPEN_EXISTING); }
-  EXPECT_TRUE(Open("shared", kRead | kWrite, 0, OPEN_EXISTING));
 }
 
-TEST_F(FilesTest, DeleteAndMoveNeedShareDeleteOfOpenHandles) {
+TEST_F(FilesTest, DeleteMoveAndDeleteOnCloseNeedShareDelete) {
   temp_.Write("a", "a");
   {
     UniqueFile open = Open("a", GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, OPEN_EXISTING);
-    EXPECT_FALSE(DeleteFileW(temp_.WidePathOf("a").c_str()));
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_SHARING_VIOLATION));
-    EXPECT_FALSE(MoveFileExW(temp_.WidePathOf("a").c_str(), temp_.WidePathOf("b").c_str(), 0));
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_SHARING_VIOLATION));
+    EXPECT_EQ(ErrorOf(Delete("a")), ERROR_SHARING_VIOLATION);
+    EXPECT_EQ(ErrorOf(Move("a", "b")), ERROR_SHARING_VIOLATION);
     EXPECT_TRUE(temp_.Exists("a"));
   }
   {
     UniqueFile open = Open("a", GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_DELETE, OPEN_EXISTING);
-    EXPECT_TRUE(MoveFileExW(temp_.WidePathOf("a").c_str(), temp_.WidePathOf("b").c_str(), 0));
-    EXPECT_TRUE(DeleteFileW(temp_.WidePathOf("b").c_str()));
+    EXPECT_TRUE(Move("a", "b"));
+    EXPECT_TRUE(Delete("b"));
   }
   EXPECT_FALSE(temp_.Exists("a"));
-  EXPECT_FALSE(temp_.Exists("b"));
-  EXPECT_FALSE(DeleteFileW(temp_.WidePathOf("b").c_str()));
-  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
-}
+  EXPECT_EQ(ErrorOf(Delete("b")), ERROR_FILE_NOT_FOUND);
 
-TEST_F(FilesTest, DeleteOnCloseRemovesTheFileWithTheLastHandle) {
+  // Delete on close removes the file with the last handle.
   UniqueFile first = Open("t", GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_DELETE,
                           CREATE_NEW, FILE_FLAG_DELETE_ON_CLOSE);
   ASSERT_TRUE(first);
   // A second handle must share delete with the first, which holds the right to delete.
-  EXPECT_FALSE(Open("t", GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, OPEN_EXISTING));
-  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_SHARING_VIOLATION));
+  EXPECT_EQ(ErrorOf(Open("t", GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, OPEN_EXISTING)),
+            ERROR_SHARING_VIOLATION);
   UniqueFile second = Open("t", GENERIC_READ,
                            FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, OPEN_EXISTING);
   ASSERT_TRUE(second);
@@ -192,102 +179,82 @@ TEST_F(FilesTest, OverlappedTransfersUseTheirOffsetAndLeaveThePosition) {
   at.u.s.Offset = 8;
   ASSERT_TRUE(ReadFile(file.get(), buffer, sizeof(buffer), &done, &at));
   EXPECT_EQ(std::string(buffer, done), std::string("\0\0tail", 6));
-  at.u.s.Offset = 14;
-  EXPECT_TRUE(ReadFile(file.get(), buffer, sizeof(buffer), &done, &at));
-  EXPECT_EQ(done, 0u);
-  at.u.s.Offset = 1000;
-  EXPECT_TRUE(ReadFile(file.get(), buffer, sizeof(buffer), &done, &at));
-  EXPECT_EQ(done, 0u);
-  EXPECT_TRUE(GetOverlappedResult(file.get(), &at, &done, TRUE));
-  EXPECT_EQ(done, 0u);
-}
+  for (DWORD offset : {14u, 1000u}) {  // at and past the end
+    at.u.s.Offset = offset;
+    EXPECT_TRUE(ReadFile(file.get(), buffer, sizeof(buffer), &done, &at));
+    EXPECT_EQ(done, 0u);
+    EXPECT_TRUE(GetOverlappedResult(file.get(), &at, &done, TRUE));
+    EXPECT_EQ(done, 0u);
+  }
 
-TEST_F(FilesTest, OffsetsPastTheLargestPositionAreRefused) {
-  UniqueFile file = Open("big", GENERIC_READ | GENERIC_WRITE, 0, CREATE_NEW);
-  ASSERT_TRUE(file);
-  OVERLAPPED at{};
+  // Offsets past the largest position are refused.
   at.u.s.Offset = 0xFFFFFFFFu;
   at.u.s.OffsetHigh = 0x7FFFFFFFu;
-  char buffer[16] = {};
-  DWORD done = 5;
-  EXPECT_FALSE(ReadFile(file.get(), buffer, sizeof(buffer), &done, &at));
-  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+  done = 5;
+  EXPECT_EQ(ErrorOf(ReadFile(file.get(), buffer, sizeof(buffer), &done, &at)),
+            ERROR_INVALID_PARAMETER);
   EXPECT_EQ(done, 0u);
-  EXPECT_FALSE(WriteFile(file.get(), buffer, sizeof(buffer), &done, &at));
-  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+  EXPECT_EQ(ErrorOf(WriteFile(file.get(), buffer, sizeof(buffer), &done, &at)),
+            ERROR_INVALID_PARAMETER);
 }
 
 TEST_F(FilesTest, PointerEndOfFileAndSizeAgree) {
   UniqueFile file = Open("s", GENERIC_READ | GENERIC_WRITE, 0, CREATE_NEW);
   LARGE_INTEGER to{}, size{};
-  to.QuadPart = 5000;
-  ASSERT_TRUE(SetFilePointerEx(file.get(), to, nullptr, FILE_BEGIN));
-  ASSERT_TRUE(SetEndOfFile(file.get()));
-  ASSERT_TRUE(GetFileSizeEx(file.get(), &size));
-  EXPECT_EQ(size.QuadPart, 5000);
-  to.QuadPart = -100;
-  ASSERT_TRUE(SetFilePointerEx(file.get(), to, nullptr, FILE_END));
-  ASSERT_TRUE(SetEndOfFile(file.get()));
-  ASSERT_TRUE(GetFileSizeEx(file.get(), &size));
-  EXPECT_EQ(size.QuadPart, 4900);
+  for (const auto& [move, method, expected] :
+       {std::tuple{5000, FILE_BEGIN, 5000}, std::tuple{-100, FILE_END, 4900}}) {
+    to.QuadPart = move;
+    ASSERT_TRUE(SetFilePointerEx(file.get(), to, nullptr, method));
+    ASSERT_TRUE(SetEndOfFile(file.get()));
+    ASSERT_TRUE(GetFileSizeEx(file.get(), &size));
+    EXPECT_EQ(size.QuadPart, expected);
+  }
   to.QuadPart = -1;
-  EXPECT_FALSE(SetFilePointerEx(file.get(), to, nullptr, FILE_BEGIN));
-  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_NEGATIVE_SEEK));
+  EXPECT_EQ(ErrorOf(SetFilePointerEx(file.get(), to, nullptr, FILE_BEGIN)), ERROR_NEGATIVE_SEEK);
 }
 
 TEST_F(FilesTest, TransfersNeedTheirAccessRight) {
   temp_.Write("r", "data");
   UniqueFile reader = Open("r", GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, OPEN_EXISTING);
   DWORD done = 7;
-  EXPECT_FALSE(WriteFile(reader.get(), "x", 1, &done, nullptr));
-  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_ACCESS_DENIED));
-  EXPECT_FALSE(SetEndOfFile(reader.get()));
-  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_ACCESS_DENIED));
+  EXPECT_EQ(ErrorOf(WriteFile(reader.get(), "x", 1, &done, nullptr)), ERROR_ACCESS_DENIED);
+  EXPECT_EQ(ErrorOf(SetEndOfFile(reader.get())), ERROR_ACCESS_DENIED);
   UniqueFile writer = Open("r", GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, OPEN_EXISTING);
   char buffer[4];
-  EXPECT_FALSE(ReadFile(writer.get(), buffer, 4, &done, nullptr));
-  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_ACCESS_DENIED));
-  EXPECT_FALSE(ReadFile(INVALID_HANDLE_VALUE, buffer, 4, &done, nullptr));
-  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_HANDLE));
+  EXPECT_EQ(ErrorOf(ReadFile(writer.get(), buffer, 4, &done, nullptr)), ERROR_ACCESS_DENIED);
+  EXPECT_EQ(ErrorOf(ReadFile(INVALID_HANDLE_VALUE, buffer, 4, &done, nullptr)),
+            ERROR_INVALID_HANDLE);
   // An event is a handle, but not one to read from.
   UniqueEvent event(CreateEventW(TRUE, FALSE));
-  EXPECT_FALSE(ReadFile(event.get(), buffer, 4, &done, nullptr));
-  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_HANDLE));
+  EXPECT_EQ(ErrorOf(ReadFile(event.get(), buffer, 4, &done, nullptr)), ERROR_INVALID_HANDLE);
 }
 
 TEST_F(FilesTest, ReadOnlyAttributeGuardsTheFileEvenForRoot) {
   temp_.Write("ro", "keep");
-  ASSERT_TRUE(SetFileAttributesW(temp_.WidePathOf("ro").c_str(), FILE_ATTRIBUTE_READONLY));
-  EXPECT_EQ(GetFileAttributesW(temp_.WidePathOf("ro").c_str()) & FILE_ATTRIBUTE_READONLY,
-            FILE_ATTRIBUTE_READONLY);
-  EXPECT_FALSE(Open("ro", GENERIC_WRITE, 0, OPEN_EXISTING));
-  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_ACCESS_DENIED));
-  EXPECT_FALSE(DeleteFileW(temp_.WidePathOf("ro").c_str()));
-  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_ACCESS_DENIED));
+  ASSERT_TRUE(SetFileAttributesW(P("ro").c_str(), FILE_ATTRIBUTE_READONLY));
+  EXPECT_EQ(GetFileAttributesW(P("ro").c_str()) & FILE_ATTRIBUTE_READONLY, FILE_ATTRIBUTE_READONLY);
+  EXPECT_EQ(ErrorOf(Open("ro", GENERIC_WRITE, 0, OPEN_EXISTING)), ERROR_ACCESS_DENIED);
+  EXPECT_EQ(ErrorOf(Delete("ro")), ERROR_ACCESS_DENIED);
   EXPECT_TRUE(Open("ro", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING));
 
-  ASSERT_TRUE(SetFileAttributesW(temp_.WidePathOf("ro").c_str(), FILE_ATTRIBUTE_NORMAL));
-  EXPECT_EQ(GetFileAttributesW(temp_.WidePathOf("ro").c_str()) & FILE_ATTRIBUTE_READONLY, 0u);
-  EXPECT_TRUE(DeleteFileW(temp_.WidePathOf("ro").c_str()));
-  EXPECT_EQ(GetFileAttributesW(temp_.WidePathOf("ro").c_str()), INVALID_FILE_ATTRIBUTES);
+  ASSERT_TRUE(SetFileAttributesW(P("ro").c_str(), FILE_ATTRIBUTE_NORMAL));
+  EXPECT_EQ(GetFileAttributesW(P("ro").c_str()) & FILE_ATTRIBUTE_READONLY, 0u);
+  EXPECT_TRUE(Delete("ro"));
+  EXPECT_EQ(GetFileAttributesW(P("ro").c_str()), INVALID_FILE_ATTRIBUTES);
   EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
 }
 
 TEST_F(FilesTest, MoveReplacesOnlyWhenAsked) {
   temp_.Write("from", "new");
   temp_.Write("to", "old");
-  EXPECT_FALSE(MoveFileExW(temp_.WidePathOf("from").c_str(), temp_.WidePathOf("to").c_str(), 0));
-  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_ALREADY_EXISTS));
+  EXPECT_EQ(ErrorOf(Move("from", "to")), ERROR_ALREADY_EXISTS);
   EXPECT_EQ(temp_.Read("to"), "old");
   {
     // A target held open without share delete cannot be replaced.
     UniqueFile held = Open("to", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING);
-    EXPECT_FALSE(MoveFileExW(temp_.WidePathOf("from").c_str(), temp_.WidePathOf("to").c_str(),
-                             MOVEFILE_REPLACE_EXISTING));
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_ACCESS_DENIED));
+    EXPECT_EQ(ErrorOf(Move("from", "to", MOVEFILE_REPLACE_EXISTING)), ERROR_ACCESS_DENIED);
   }
-  EXPECT_TRUE(MoveFileExW(temp_.WidePathOf("from").c_str(), temp_.WidePathOf("to").c_str(),
-                          MOVEFILE_REPLACE_EXISTING));
+  EXPECT_TRUE(Move("from", "to", MOVEFILE_REPLACE_EXISTING));
   EXPECT_EQ(temp_.Read("to"), "new");
   EXPECT_FALSE(temp_.Exists("from"));
 }
@@ -303,14 +270,12 @@ TEST_F(FilesTest, MoveAcrossDevicesCopiesOnlyWhenAllowed) {
   const fs::path target = other / ("mrwl-move-" + std::to_string(getpid()));
   const std::u16string target16 = posix::FromUtf8(target.string());
   temp_.Write("m", "payload");
-  EXPECT_FALSE(
-      MoveFileExW(temp_.WidePathOf("m").c_str(), target16.c_str(), MOVEFILE_REPLACE_EXISTING));
-  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_NOT_SAME_DEVICE));
-  EXPECT_TRUE(MoveFileExW(temp_.WidePathOf("m").c_str(), target16.c_str(),
+  EXPECT_EQ(ErrorOf(MoveFileExW(P("m").c_str(), target16.c_str(), MOVEFILE_REPLACE_EXISTING)),
+            ERROR_NOT_SAME_DEVICE);
+  EXPECT_TRUE(MoveFileExW(P("m").c_str(), target16.c_str(),
                           MOVEFILE_REPLACE_EXISTING | MOVEFILE_COPY_ALLOWED));
   EXPECT_FALSE(temp_.Exists("m"));
-  std::ifstream in(target, std::ios::binary);
-  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "payload");
+  EXPECT_EQ(testing::WaitForFile(target), "payload");
   fs::remove(target);
 }
 
@@ -321,37 +286,33 @@ TEST_F(FilesTest, FindMatchesWildcardsAsWindowsDoes) {
   temp_.Write("a.b.c", "");
   fs::create_directory(temp_.path() / "sub");
   using Names = std::set<std::string>;
+  const Names all = {".", "..", "abc.txt", "ABD.TXT", "readme", "a.b.c", "sub"};
   struct Case {
     const char* pattern;
     Names expected;
-  } cases[] = {
-      {"*", {".", "..", "abc.txt", "ABD.TXT", "readme", "a.b.c", "sub"}},
-      {"*.*", {".", "..", "abc.txt", "ABD.TXT", "readme", "a.b.c", "sub"}},
-      {"*.txt", {"abc.txt", "ABD.TXT"}},
-      {"ab?.txt", {"abc.txt", "ABD.TXT"}},
-      {"a*c", {"a.b.c"}},
-      {"readme.*", {"readme"}},
-      {"*.", {".", "..", "readme", "sub"}},
-      {"abc.txt", {"abc.txt"}},
-  };
+  } cases[] = {{"*", all},
+               {"*.*", all},
+               {"*.txt", {"abc.txt", "ABD.TXT"}},
+               {"ab?.txt", {"abc.txt", "ABD.TXT"}},
+               {"a*c", {"a.b.c"}},
+               {"readme.*", {"readme"}},
+               {"*.", {".", "..", "readme", "sub"}},
+               {"abc.txt", {"abc.txt"}}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.pattern);
-    EXPECT_EQ(Find(c.pattern), c.expected);
-    EXPECT_EQ(lastFindError_, static_cast<DWORD>(ERROR_NO_MORE_FILES));
+    EXPECT_EQ(Find(c.pattern), std::make_pair(c.expected, ERROR_NO_MORE_FILES));
   }
-  EXPECT_EQ(Find("*.doc"), Names{});
-  EXPECT_EQ(lastFindError_, static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
-  EXPECT_EQ(Find("nothere/*"), Names{});
-  EXPECT_EQ(lastFindError_, static_cast<DWORD>(ERROR_PATH_NOT_FOUND));
+  EXPECT_EQ(Find("*.doc"), std::make_pair(Names{}, ERROR_FILE_NOT_FOUND));
+  EXPECT_EQ(Find("nothere/*"), std::make_pair(Names{}, ERROR_PATH_NOT_FOUND));
 }
 
 TEST_F(FilesTest, FindReportsAttributesSizesAndTimes) {
   temp_.Write("big", std::string(70000, 'x'));
   temp_.Write("ro", "");
-  ASSERT_TRUE(SetFileAttributesW(temp_.WidePathOf("ro").c_str(), FILE_ATTRIBUTE_READONLY));
+  ASSERT_TRUE(SetFileAttributesW(P("ro").c_str(), FILE_ATTRIBUTE_READONLY));
   fs::create_directory(temp_.path() / "sub");
   FindDataW data{};
-  UniqueFind find(FindFirstFileW(temp_.WidePathOf("big").c_str(), &data));
+  UniqueFind find(FindFirstFileW(P("big").c_str(), &data));
   ASSERT_TRUE(find);
   EXPECT_EQ(data.nFileSizeLow, 70000u);
   EXPECT_EQ(data.dwFileAttributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_READONLY), 0u);
@@ -359,46 +320,39 @@ TEST_F(FilesTest, FindReportsAttributesSizesAndTimes) {
   const ULONGLONG written = (static_cast<ULONGLONG>(data.ftLastWriteTime.dwHighDateTime) << 32) |
                             data.ftLastWriteTime.dwLowDateTime;
   EXPECT_GT(written, 132223104000000000ull);
-  EXPECT_FALSE(FindNextFileW(find.get(), &data));
-  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_NO_MORE_FILES));
+  EXPECT_EQ(ErrorOf(FindNextFileW(find.get(), &data)), ERROR_NO_MORE_FILES);
 
-  find.reset(FindFirstFileW(temp_.WidePathOf("ro").c_str(), &data));
+  find.reset(FindFirstFileW(P("ro").c_str(), &data));
   EXPECT_EQ(data.dwFileAttributes & FILE_ATTRIBUTE_READONLY, FILE_ATTRIBUTE_READONLY);
-  find.reset(FindFirstFileW(temp_.WidePathOf("su?").c_str(), &data));
+  find.reset(FindFirstFileW(P("su?").c_str(), &data));
   ASSERT_TRUE(find);
   EXPECT_EQ(std::u16string(data.cFileName), u"sub");
   EXPECT_EQ(data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY, FILE_ATTRIBUTE_DIRECTORY);
 }
 
 TEST_F(FilesTest, FoldersAreMadeAndRemovedWithWindowsErrors) {
-  ASSERT_TRUE(CreateDirectoryW(temp_.WidePathOf("d").c_str()));
-  EXPECT_FALSE(CreateDirectoryW(temp_.WidePathOf("d").c_str()));
-  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_ALREADY_EXISTS));
-  EXPECT_FALSE(CreateDirectoryW(temp_.WidePathOf("x/y").c_str()));
-  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_PATH_NOT_FOUND));
+  ASSERT_TRUE(CreateDirectoryW(P("d").c_str()));
+  EXPECT_EQ(ErrorOf(CreateDirectoryW(P("d").c_str())), ERROR_ALREADY_EXISTS);
+  EXPECT_EQ(ErrorOf(CreateDirectoryW(P("x/y").c_str())), ERROR_PATH_NOT_FOUND);
   temp_.Write("d/f", "");
-  EXPECT_FALSE(RemoveDirectoryW(temp_.WidePathOf("d").c_str()));
-  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_DIR_NOT_EMPTY));
-  EXPECT_FALSE(RemoveDirectoryW(temp_.WidePathOf("d/f").c_str()));
-  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_DIRECTORY));
-  EXPECT_FALSE(DeleteFileW(temp_.WidePathOf("d").c_str()));
-  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_ACCESS_DENIED));
-  ASSERT_TRUE(DeleteFileW(temp_.WidePathOf("d/f").c_str()));
-  EXPECT_TRUE(RemoveDirectoryW(temp_.WidePathOf("d").c_str()));
-  EXPECT_EQ(GetFileAttributesW(temp_.WidePathOf("d").c_str()), INVALID_FILE_ATTRIBUTES);
+  EXPECT_EQ(ErrorOf(RemoveDirectoryW(P("d").c_str())), ERROR_DIR_NOT_EMPTY);
+  EXPECT_EQ(ErrorOf(RemoveDirectoryW(P("d/f").c_str())), ERROR_DIRECTORY);
+  EXPECT_EQ(ErrorOf(Delete("d")), ERROR_ACCESS_DENIED);
+  ASSERT_TRUE(Delete("d/f"));
+  EXPECT_TRUE(RemoveDirectoryW(P("d").c_str()));
+  EXPECT_EQ(GetFileAttributesW(P("d").c_str()), INVALID_FILE_ATTRIBUTES);
 }
 
 TEST_F(FilesTest, IdentityTellsFilesApart) {
   temp_.Write("one", "1");
   temp_.Write("two", "2");
-  constexpr DWORD kShare = FILE_SHARE_READ | FILE_SHARE_WRITE;
-  UniqueFile a = Open("one", GENERIC_READ, kShare, OPEN_EXISTING);
-  UniqueFile b = Open("one", GENERIC_READ, kShare, OPEN_EXISTING);
-  UniqueFile c = Open("two", GENERIC_READ, kShare, OPEN_EXISTING);
-  BY_HANDLE_FILE_INFORMATION ia{}, ib{}, ic{};
-  ASSERT_TRUE(GetFileInformationByHandle(a.get(), &ia));
-  ASSERT_TRUE(GetFileInformationByHandle(b.get(), &ib));
-  ASSERT_TRUE(GetFileInformationByHandle(c.get(), &ic));
+  auto info = [this](const std::string& name) {
+    UniqueFile file = Open(name, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, OPEN_EXISTING);
+    BY_HANDLE_FILE_INFORMATION result{};
+    EXPECT_TRUE(GetFileInformationByHandle(file.get(), &result));
+    return result;
+  };
+  const BY_HANDLE_FILE_INFORMATION ia = info("one"), ib = info("one"), ic = info("two");
   EXPECT_EQ(ia.dwVolumeSerialNumber, ib.dwVolumeSerialNumber);
   EXPECT_EQ(ia.nFileIndexLow, ib.nFileIndexLow);
   EXPECT_EQ(ia.nFileIndexHigh, ib.nFileIndexHigh);
@@ -406,31 +360,24 @@ TEST_F(FilesTest, IdentityTellsFilesApart) {
   EXPECT_EQ(ia.nFileSizeLow, 1u);
 }
 
-class TempPathTest : public FilesTest {
- protected:
-  std::u16string TempPath() {
+TEST(GetTempPathW, ComesFromTmpdirAndEndsInTheSeparator) {
+  testing::ScopedEnv tmpdir("TMPDIR");
+  for (const auto& [value, expected] :
+       {std::pair<const char*, std::u16string_view>{"/var/somewhere", u"/var/somewhere/"},
+        {"/var/other/", u"/var/other/"},
+        {nullptr, u"/tmp/"}}) {
+    SCOPED_TRACE(value ? value : "unset");
+    value ? tmpdir.Set(value) : tmpdir.Unset();
     const DWORD needed = GetTempPathW(0, nullptr);
     std::u16string text(needed, u'\0');
-    const DWORD length = GetTempPathW(needed, text.data());
-    EXPECT_EQ(length + 1, needed);
-    text.resize(length);
-    return text;
+    EXPECT_EQ(GetTempPathW(needed, text.data()) + 1, needed);
+    EXPECT_EQ(text.c_str(), expected);
   }
-  testing::ScopedEnv tmpdir_{"TMPDIR"};
-};
-
-TEST_F(TempPathTest, TempPathComesFromTmpdirAndEndsInTheSeparator) {
-  tmpdir_.Set("/var/somewhere");
-  EXPECT_EQ(TempPath(), u"/var/somewhere/");
-  tmpdir_.Set("/var/other/");
-  EXPECT_EQ(TempPath(), u"/var/other/");
-  tmpdir_.Unset();
-  EXPECT_EQ(TempPath(), u"/tmp/");
   char16_t tiny[3];
   EXPECT_EQ(GetTempPathW(3, tiny), 6u);
 }
 
-TEST_F(TempPathTest, TempFileNamesAreCreatedExclusively) {
+TEST_F(FilesTest, TempFileNamesAreCreatedExclusively) {
   const std::u16string folder = posix::FromUtf8(temp_.path().string());
   std::set<std::u16string> names;
   for (int i = 0; i < 20; ++i) {
@@ -454,8 +401,8 @@ TEST_F(TempPathTest, TempFileNamesAreCreatedExclusively) {
   EXPECT_EQ(std::u16string(fixed), folder + u"/q2A.tmp");
   EXPECT_FALSE(temp_.Exists("q2A.tmp"));
 
-  EXPECT_EQ(GetTempFileNameW((folder + u"/none").c_str(), u"x", 0, fixed), 0u);
-  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_DIRECTORY));
+  EXPECT_EQ(ErrorOf(GetTempFileNameW((folder + u"/none").c_str(), u"x", 0, fixed)),
+            ERROR_DIRECTORY);
 }
 
 }  // namespace

@@ -1,11 +1,11 @@
 #include "platform/shell.h"
 
+#include <cstdio>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include "platform/kernel.h"
 #include "platform/posix/posix_util.h"
@@ -17,6 +17,7 @@ namespace {
 using Lines = std::vector<std::string>;
 
 int Code(HINSTANCE result) { return static_cast<int>(reinterpret_cast<std::uintptr_t>(result)); }
+std::u16string U(const std::string& text) { return posix::FromUtf8(text); }
 
 // A scratch folder with small shell scripts that stand in for programs, openers and tools, and
 // that record the arguments they were started with.
@@ -26,10 +27,12 @@ class ShellTest : public ::testing::Test {
   std::string WriteRecorder(const std::string& name, const std::string& record, int status = 0) {
     return temp_.Write(name, testing::RecorderScript(record, status), true);
   }
-
-  void UseOpener(const std::string& path) { opener_.Set(path); }
-
-  std::u16string U(const std::string& text) const { return posix::FromUtf8(text); }
+  // ShellExecuteW's small result for `file`, with `folder` as the working folder when not empty.
+  static int Run(const char16_t* verb, const std::string& file,
+                 const char16_t* parameters = nullptr, const std::string& folder = "") {
+    return Code(ShellExecuteW(nullptr, verb, U(file).c_str(), parameters,
+                              folder.empty() ? nullptr : U(folder).c_str(), SW_SHOWNORMAL));
+  }
 
   testing::TempFolder temp_;
   testing::ScopedEnv opener_{"MRWL_OPENER"};
@@ -39,155 +42,109 @@ class ShellTest : public ::testing::Test {
 };
 
 TEST(CommandLineToArgvW, SplitsByTheRuntimeRules) {
-  struct Case {
-    const char16_t* line;
-    std::vector<std::u16string> words;
-  };
-  const Case cases[] = {
+  // clang-format off
+  const std::pair<const char16_t*, std::vector<std::u16string>> cases[] = {
       {u"p \"a b c\" d e", {u"p", u"a b c", u"d", u"e"}},
       {u"p \"ab\\\"c\" \"\\\\\" d", {u"p", u"ab\"c", u"\\", u"d"}},
       {u"p a\\\\\\b d\"e f\"g h", {u"p", u"a\\\\\\b", u"de fg", u"h"}},
       {u"p a\\\\\\\"b c d", {u"p", u"a\\\"b", u"c", u"d"}},
       {u"p a\\\\\\\\\"b c\" d e", {u"p", u"a\\\\b c", u"d", u"e"}},
-      {u"p a\"b\"\" c d", {u"p", u"ab\" c d"}},
-      {u"p \"\" x", {u"p", u"", u"x"}},
+      {u"p a\"b\"\" c d", {u"p", u"ab\" c d"}}, {u"p \"\" x", {u"p", u"", u"x"}},
       {u"p \t  spaced\targs  ", {u"p", u"spaced", u"args"}},
-      {u"\"C:\\Program Files\\app.exe\" /x", {u"C:\\Program Files\\app.exe", u"/x"}},
       {u"C:\\dir\\\"odd /y", {u"C:\\dir\\\"odd", u"/y"}},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(posix::ToUtf8(c.line));
+      {u"\"C:\\Program Files\\app.exe\" /x", {u"C:\\Program Files\\app.exe", u"/x"}},
+      {u"", {}}};  // an empty line gives the path of the program
+  // clang-format on
+  for (const auto& [line, expected] : cases) {
+    SCOPED_TRACE(posix::ToUtf8(line));
     int count = 0;
-    char16_t** argv = CommandLineToArgvW(c.line, &count);
+    char16_t** argv = CommandLineToArgvW(line, &count);
     ASSERT_NE(argv, nullptr);
     std::vector<std::u16string> words(argv, argv + count);
     EXPECT_EQ(argv[count], nullptr);
     LocalFree(argv);
-    EXPECT_EQ(words, c.words);
+    if (expected.empty()) {
+      ASSERT_EQ(words.size(), 1u);
+      EXPECT_EQ(words[0][0], u'/');
+    } else {
+      EXPECT_EQ(words, expected);
+    }
   }
 }
 
-TEST(CommandLineToArgvW, EmptyLineGivesTheProgramPath) {
-  int count = 0;
-  char16_t** argv = CommandLineToArgvW(u"", &count);
-  ASSERT_NE(argv, nullptr);
-  EXPECT_EQ(count, 1);
-  EXPECT_EQ(argv[0][0], u'/');
-  LocalFree(argv);
+TEST_F(ShellTest, ProgramStartsInItsFolderWithParametersSplitByWindowsRules) {
+  const std::string record = temp_.PathOf("run.txt");
+  const std::string program = temp_.Write(
+      "prog.sh", testing::RecordingScript("{ pwd; printf '%s\\n' \"$@\"; }", record), true);
+  temp_.Write("work/.keep", "");
+  const std::string work = temp_.PathOf("work");
+  ASSERT_GT(Run(nullptr, program, u"one \"two three\" a\\\\\\\"b \"\" tail\\", work), 32);
+  EXPECT_EQ(testing::WaitForLines(record),
+            (Lines{work, "one", "two three", "a\\\"b", "", "tail\\"}));
+  std::remove(record.c_str());
+  // A relative program is found in the working folder.
+  ASSERT_GT(Run(u"open", "prog.sh", u"x", temp_.path().string()), 32);
+  EXPECT_EQ(testing::WaitForLines(record), (Lines{temp_.path().string(), "x"}));
 }
 
-TEST_F(ShellTest, ProgramReceivesParametersSplitByWindowsRules) {
-  const std::string record = temp_.PathOf("argv.txt");
-  const std::string program = WriteRecorder("prog.sh", record);
-  const HINSTANCE result =
-      ShellExecuteW(nullptr, nullptr, U(program).c_str(),
-                    u"one \"two three\" a\\\\\\\"b \"\" tail\\", nullptr, SW_SHOW);
-  ASSERT_GT(Code(result), 32);
-  EXPECT_EQ(testing::WaitForLines(record), (Lines{"one", "two three", "a\\\"b", "", "tail\\"}));
-}
-
-TEST_F(ShellTest, ProgramStartsInTheGivenFolder) {
-  const std::string record = temp_.PathOf("pwd.txt");
-  const std::string program =
-      temp_.Write("where.sh", testing::RecordingScript("pwd", record), true);
-  mkdir(temp_.PathOf("work").c_str(), 0700);
-  ASSERT_GT(Code(ShellExecuteW(nullptr, u"open", U(program).c_str(), nullptr,
-                               U(temp_.PathOf("work")).c_str(), SW_SHOW)),
-            32);
-  EXPECT_EQ(testing::WaitForLines(record), Lines{temp_.PathOf("work")});
-}
-
-TEST_F(ShellTest, RelativeProgramIsFoundInTheWorkingFolder) {
-  const std::string record = temp_.PathOf("rel.txt");
-  WriteRecorder("rel.sh", record);
-  ASSERT_GT(Code(ShellExecuteW(nullptr, u"open", u"rel.sh", u"x", U(temp_.path().string()).c_str(),
-                               SW_SHOW)),
-            32);
-  EXPECT_EQ(testing::WaitForLines(record), Lines{"x"});
-}
-
-TEST_F(ShellTest, MissingProgramGivesTheWindowsErrors) {
-  struct Case {
-    std::string file;
-    int code;
-  };
-  const Case cases[] = {
-      {temp_.PathOf("absent.exe"), 2},
-      {temp_.PathOf("no-folder/absent.exe"), 3},
-      {"mrwl-no-such-program-on-path", 2},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.file);
-    SetLastError(0);
-    EXPECT_EQ(Code(ShellExecuteW(nullptr, nullptr, U(c.file).c_str(), u"a", nullptr, SW_SHOW)),
-              c.code);
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(c.code));
-  }
-}
-
-TEST_F(ShellTest, ProgramThatCannotRunIsRefused) {
+TEST_F(ShellTest, ProgramThatCannotStartGivesTheWindowsErrors) {
   // Executable but not a program the system can load: no interpreter line, not a binary.
-  const std::string bogus = temp_.Write("bogus",
-                                        "\x7f"
-                                        "ELF not really",
-                                        true);
-  EXPECT_EQ(Code(ShellExecuteW(nullptr, nullptr, U(bogus).c_str(), nullptr, nullptr, SW_SHOW)), 11);
-  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_BAD_EXE_FORMAT));
+  const std::string bogus = temp_.Write("bogus", "\177ELF not really", true);
+  const std::tuple<std::string, int, DWORD> cases[] = {
+      {temp_.PathOf("absent.exe"), 2, ERROR_FILE_NOT_FOUND},
+      {temp_.PathOf("no-folder/absent.exe"), 3, ERROR_PATH_NOT_FOUND},
+      {"mrwl-no-such-program-on-path", 2, ERROR_FILE_NOT_FOUND},
+      {bogus, 11, ERROR_BAD_EXE_FORMAT}};
+  for (const auto& [file, code, error] : cases) {
+    SCOPED_TRACE(file);
+    SetLastError(0);
+    EXPECT_EQ(Run(nullptr, file, u"a"), code);
+    EXPECT_EQ(GetLastError(), error);
+  }
 }
 
 TEST_F(ShellTest, DocumentsFoldersAndAddressesGoToTheOpener) {
   const std::string record = temp_.PathOf("opened.txt");
-  UseOpener(WriteRecorder("opener.sh", record));
+  opener_.Set(WriteRecorder("opener.sh", record));
   const std::string document = temp_.Write("letter.txt", "text");
-  mkdir(temp_.PathOf("folder").c_str(), 0700);
-  struct Case {
-    const char16_t* verb;
-    std::string target;
-  };
-  const Case cases[] = {
-      {u"open", document},
-      {nullptr, temp_.PathOf("folder")},
-      {u"explore", temp_.PathOf("folder")},
-      {u"open", "https://example.org/a b?q=1"},
-      {u"OPEN", "mailto:someone@example.org"},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.target);
-    unlink(record.c_str());
-    ASSERT_GT(Code(ShellExecuteW(nullptr, c.verb, U(c.target).c_str(), u"ignored", nullptr,
-                                 SW_SHOWNORMAL)),
-              32);
-    EXPECT_EQ(testing::WaitForLines(record), Lines{c.target});
+  temp_.Write("folder/.keep", "");
+  const std::pair<const char16_t*, std::string> cases[] = {{u"open", document},
+                                                           {nullptr, temp_.PathOf("folder")},
+                                                           {u"explore", temp_.PathOf("folder")},
+                                                           {u"open", "https://example.org/a b?q=1"},
+                                                           {u"OPEN", "mailto:someone@example.org"}};
+  for (const auto& [verb, target] : cases) {
+    SCOPED_TRACE(target);
+    std::remove(record.c_str());
+    ASSERT_GT(Run(verb, target, u"ignored"), 32);
+    EXPECT_EQ(testing::WaitForLines(record), Lines{target});
   }
+  // Unknown verbs and exploring a file have no association and never reach the opener.
+  std::remove(record.c_str());
+  EXPECT_EQ(Run(u"print", document), 31);
+  EXPECT_EQ(Run(u"explore", document), 31);
+  EXPECT_FALSE(temp_.Exists("opened.txt"));
 }
 
 TEST_F(ShellTest, FailingOpenerIsReportedAsNoAssociationOrMissingFile) {
-  UseOpener(WriteRecorder("fails.sh", temp_.PathOf("r1"), 4));
-  EXPECT_EQ(Code(ShellExecuteW(nullptr, u"open", u"https://example.org", nullptr, nullptr, 1)), 31);
-  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_NO_ASSOCIATION));
-
-  UseOpener(WriteRecorder("missing.sh", temp_.PathOf("r2"), 2));
-  EXPECT_EQ(Code(ShellExecuteW(nullptr, u"open", u"https://example.org", nullptr, nullptr, 1)), 2);
-
-  UseOpener(temp_.PathOf("no-such-opener"));
-  EXPECT_EQ(Code(ShellExecuteW(nullptr, u"open", u"https://example.org", nullptr, nullptr, 1)), 31);
-}
-
-TEST_F(ShellTest, UnknownVerbsAndExploringAFileHaveNoAssociation) {
-  UseOpener(WriteRecorder("opener.sh", temp_.PathOf("never")));
-  const std::string document = temp_.Write("doc.txt", "x");
-  EXPECT_EQ(Code(ShellExecuteW(nullptr, u"print", U(document).c_str(), nullptr, nullptr, 1)), 31);
-  EXPECT_EQ(Code(ShellExecuteW(nullptr, u"explore", U(document).c_str(), nullptr, nullptr, 1)), 31);
-  EXPECT_FALSE(temp_.Exists("never"));
+  const std::pair<std::string, int> cases[] = {
+      {WriteRecorder("fails.sh", temp_.PathOf("r1"), 4), 31},
+      {WriteRecorder("missing.sh", temp_.PathOf("r2"), 2), 2},
+      {temp_.PathOf("no-such-opener"), 31}};
+  for (const auto& [opener, code] : cases) {
+    SCOPED_TRACE(opener);
+    opener_.Set(opener);
+    EXPECT_EQ(Run(u"open", "https://example.org"), code);
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(code == 31 ? ERROR_NO_ASSOCIATION : code));
+  }
 }
 
 TEST_F(ShellTest, ShellExecuteExReportsThroughTheRecord) {
-  ShellExecuteInfoW info{};
-  info.cbSize = sizeof info;
-  info.fMask = SEE_MASK_FLAG_NO_UI;
-  info.lpVerb = u"open";
   const std::u16string missing = U(temp_.PathOf("absent.exe"));
-  info.lpFile = missing.c_str();
+  ShellExecuteInfoW info{.cbSize = sizeof(ShellExecuteInfoW),
+                         .fMask = SEE_MASK_FLAG_NO_UI,
+                         .lpVerb = u"open",
+                         .lpFile = missing.c_str()};
   EXPECT_EQ(ShellExecuteExW(&info), FALSE);
   EXPECT_EQ(Code(info.hInstApp), 2);
   EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
@@ -207,71 +164,59 @@ TEST_F(ShellTest, ShellExecuteExReportsThroughTheRecord) {
 
 TEST_F(ShellTest, AssociationComesFromTheDesktopEntry) {
   // xdg-mime answers by the MIME type; the desktop entry names the program.
-  temp_.Write("xdg-mime",
-              "#!/bin/sh\ncase \"$3\" in\n x-scheme-handler/http) echo web.desktop ;;\n"
-              " application/pdf) echo reader.desktop ;;\nesac\n",
-              true);
-  xdgMime_.Set(temp_.PathOf("xdg-mime"));
+  xdgMime_.Set(
+      temp_.Write("xdg-mime",
+                  "#!/bin/sh\ncase \"$3\" in\n x-scheme-handler/http) echo web.desktop ;;\n"
+                  " application/pdf) echo reader.desktop ;;\nesac\n",
+                  true));
   dataHome_.Set(temp_.path().string());
   const std::string browser = WriteRecorder("web browser.sh", temp_.PathOf("never"));
   temp_.Write(
       "applications/web.desktop",
-      "[Desktop Action x]\nExec=wrong\n[Desktop Entry]\nName=Web\nExec=\"" + browser + "\" %u\n",
-      false);
+      "[Desktop Action x]\nExec=wrong\n[Desktop Entry]\nName=Web\nExec=\"" + browser + "\" %u\n");
   temp_.Write("applications/reader.desktop", "[Desktop Entry]\nExec=sh -c true %f\n");
 
   char16_t out[2047];
   DWORD length = 2047;
-  ASSERT_EQ(AssocQueryStringW(0, ASSOCSTR_EXECUTABLE, u"HTTP", u"open", out, &length), S_OK);
+  auto query = [&](ASSOCSTR what, const char16_t* assoc, const char16_t* verb, DWORD size) {
+    length = size;
+    return AssocQueryStringW(0, what, assoc, verb, out, &length);
+  };
+  ASSERT_EQ(query(ASSOCSTR_EXECUTABLE, u"HTTP", u"open", 2047), S_OK);
   EXPECT_EQ(posix::ToUtf8(out), browser);
-
-  length = 2047;
-  ASSERT_EQ(AssocQueryStringW(0, ASSOCSTR_COMMAND, u"http", nullptr, out, &length), S_OK);
+  ASSERT_EQ(query(ASSOCSTR_COMMAND, u"http", nullptr, 2047), S_OK);
   EXPECT_EQ(posix::ToUtf8(out), "\"" + browser + "\" %u");
-
-  length = 3;
-  EXPECT_EQ(AssocQueryStringW(0, ASSOCSTR_EXECUTABLE, u"http", nullptr, out, &length), E_POINTER);
+  EXPECT_EQ(query(ASSOCSTR_EXECUTABLE, u"http", nullptr, 3), E_POINTER);
   EXPECT_EQ(length, browser.size() + 1);
-
-  // ".pdf" reaches application/pdf through the MIME database of the system.
-  length = 2047;
-  if (AssocQueryStringW(0, ASSOCSTR_EXECUTABLE, u".pdf", nullptr, out, &length) == S_OK) {
-    EXPECT_EQ(posix::ToUtf8(out).substr(posix::ToUtf8(out).rfind('/')), "/sh");
+  // ".pdf" reaches application/pdf through the MIME database of the system, where it has one.
+  if (query(ASSOCSTR_EXECUTABLE, u".pdf", nullptr, 2047) == S_OK) {
+    EXPECT_TRUE(posix::ToUtf8(out).ends_with("/sh"));
   }
-
-  length = 2047;
-  EXPECT_EQ(AssocQueryStringW(0, ASSOCSTR_EXECUTABLE, u"gopher", nullptr, out, &length),
+  EXPECT_EQ(query(ASSOCSTR_EXECUTABLE, u"gopher", nullptr, 2047),
             HRESULT_FROM_WIN32(ERROR_NO_ASSOCIATION));
-  EXPECT_EQ(AssocQueryStringW(0, ASSOCSTR_EXECUTABLE, u"http", u"print", out, &length),
+  EXPECT_EQ(query(ASSOCSTR_EXECUTABLE, u"http", u"print", 2047),
             HRESULT_FROM_WIN32(ERROR_NO_ASSOCIATION));
 }
 
 TEST(PathCreateFromUrlW, DecodesLocalFileUrls) {
-  struct Case {
-    const char16_t* url;
-    HRESULT hr;
-    std::u16string path;
-  };
-  const Case cases[] = {
+  // clang-format off
+  const std::tuple<const char16_t*, HRESULT, std::u16string> cases[] = {
       {u"file:///tmp/a%20b/%C3%A9t%C3%A9.txt", S_OK, u"/tmp/a b/\u00e9t\u00e9.txt"},
-      {u"FILE://localhost/etc/hosts", S_OK, u"/etc/hosts"},
+      {u"FILE://localhost/etc/hosts", S_OK, u"/etc/hosts"}, {u"file:/tmp/x", S_OK, u"/tmp/x"},
       {u"file:///tmp/page.html#part", S_OK, u"/tmp/page.html"},
-      {u"file:/tmp/x", S_OK, u"/tmp/x"},
-      {u"file://server/share/x", E_INVALIDARG, u""},
-      {u"file:///tmp/%zz", E_INVALIDARG, u""},
-      {u"file:///tmp/%4", E_INVALIDARG, u""},
-      {u"http://example.org/", E_INVALIDARG, u""},
+      {u"file://server/share/x", E_INVALIDARG, u""}, {u"file:///tmp/%zz", E_INVALIDARG, u""},
+      {u"file:///tmp/%4", E_INVALIDARG, u""}, {u"http://example.org/", E_INVALIDARG, u""},
       // An encoded NUL would cut the name short and open another file than the one named.
-      {u"file:///etc/passwd%00.pdf", E_INVALIDARG, u""},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(posix::ToUtf8(c.url));
+      {u"file:///etc/passwd%00.pdf", E_INVALIDARG, u""}};
+  // clang-format on
+  for (const auto& [url, hr, expected] : cases) {
+    SCOPED_TRACE(posix::ToUtf8(url));
     char16_t path[MAX_PATH] = {};
     DWORD length = MAX_PATH;
-    EXPECT_EQ(PathCreateFromUrlW(c.url, path, &length, 0), c.hr);
-    if (c.hr == S_OK) {
-      EXPECT_EQ(std::u16string(path), c.path);
-      EXPECT_EQ(length, c.path.size());
+    EXPECT_EQ(PathCreateFromUrlW(url, path, &length, 0), hr);
+    if (hr == S_OK) {
+      EXPECT_EQ(std::u16string(path), expected);
+      EXPECT_EQ(length, expected.size());
     }
   }
   char16_t small[4];
@@ -281,12 +226,10 @@ TEST(PathCreateFromUrlW, DecodesLocalFileUrls) {
 }
 
 TEST(PathTests, RelativeAndFileUrlAnswers) {
-  EXPECT_TRUE(PathIsRelativeW(u"a/b"));
-  EXPECT_TRUE(PathIsRelativeW(u"..\\x"));
-  EXPECT_TRUE(PathIsRelativeW(u""));
-  EXPECT_FALSE(PathIsRelativeW(u"/tmp"));
-  EXPECT_FALSE(PathIsRelativeW(u"\\\\server\\share"));
-  EXPECT_FALSE(PathIsRelativeW(u"C:\\x"));
+  for (const char16_t* path : {u"a/b", u"..\\x", u""}) EXPECT_TRUE(PathIsRelativeW(path));
+  for (const char16_t* path : {u"/tmp", u"\\\\server\\share", u"C:\\x"}) {
+    EXPECT_FALSE(PathIsRelativeW(path));
+  }
   EXPECT_TRUE(UrlIsW(u"File:///x", URLIS_FILEURL));
   EXPECT_FALSE(UrlIsW(u"fil", URLIS_FILEURL));
   EXPECT_FALSE(UrlIsW(u"http://x", URLIS_FILEURL));
