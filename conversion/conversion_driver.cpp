@@ -4,6 +4,8 @@
 #include "conversion/temp_store.h"
 #include "foundation/log.h"
 #include "foundation/paths.h"
+#include "platform/files.h"
+#include "platform/shell.h"
 #include "platform/ui.h"
 
 namespace mrwl {
@@ -21,12 +23,27 @@ HRESULT HandleComError(const ComError& error) noexcept {
   return error.Error();
 }
 
-bool SaveAttachments(ItemWrapper& /*wrapper*/, std::u16string_view /*folder*/,
-                     ConversionJob& /*job*/) {
-  // HOOK: saving the attachments beside the page (with their unique names and the job's
-  // DeleteAttachments flag) comes with the attachment and portfolio step. Until then an item is
-  // exported without its attachments, and the job's Attachments stay empty.
-  return true;
+void SaveAttachments(ItemWrapper& wrapper, std::u16string_view folder, ConversionJob& job) {
+  ComPtr<outlook::Attachments> attachments;
+  if (FAILED(wrapper.GetAttachments(attachments.put())) || !attachments) return;
+  LONG count = 0;
+  if (FAILED(attachments->get_Count(&count)) || count <= 0) return;
+  // Set before anything is written, so that whatever does get written is cleaned up.
+  job.DeleteAttachments = true;
+  WideString path;
+  for (LONG i = 1; i <= count; ++i) {
+    ComPtr<outlook::Attachment> attachment;
+    if (FAILED(attachments->Item(MakeI4Variant(i), attachment.put())) || !attachment) continue;
+    UniqueBstr fileName;
+    if (FAILED(attachment->get_FileName(fileName.put()))) continue;
+    if (IsInlineAttachment(attachment.get())) continue;
+    if (!path.Assign(folder) || !path.Append(BstrView(fileName.get()))) continue;
+    const UniqueBstr target = MakeBstr(path);
+    if (FAILED(attachment->SaveAsFile(target.get()))) continue;  // left out, without a word
+    if (path.IsEmpty()) continue;
+    (void)platform::RestrictToOwner(path.c_str(), FALSE);
+    job.Attachments.push_back(path);
+  }
 }
 
 HRESULT ConversionDriver::RunConversion(bool portfolio) {
@@ -210,10 +227,8 @@ bool ConversionDriver::ExportItem(ItemWrapper& wrapper, const ConverterRequest& 
     ShowAddinMessage(kSaveItemFailedMessage);
     return false;
   }
-  if (settings_.ConvertAttachments) {
-    // A failure to read the attachments doesn't stop the export of the page itself.
-    (void)SaveAttachments(wrapper, folder, *job);
-  }
+  RestrictExportedPage(path);
+  if (settings_.ConvertAttachments) SaveAttachments(wrapper, folder, *job);
   job->DeletePage = true;
   job->PagePath = path;
   job->OutputPath = request.OutputPath;
@@ -221,11 +236,34 @@ bool ConversionDriver::ExportItem(ItemWrapper& wrapper, const ConverterRequest& 
 }
 
 bool ConversionDriver::LaunchConverter(const ConverterRequest& request) {
-  // HOOK: writing the hand-off file and starting the converter come with the hand-off step.
-  // Until then a run stops here, as one whose hand-off could not be written.
-  DebugPrint(u"The hand-off to the converter is not available; %s was not started.",
-             request.ConverterPath.c_str());
-  return false;
+  store_.Security = settings_.Security;
+  store_.RunApp = settings_.RunApp;
+  // Two mails of one subject would make two entries of one name in the portfolio.
+  if (store_.Portfolio) MakeAttachmentNamesUnique(store_.Jobs);
+
+  if constexpr (kHandoffCarrier == HandoffCarrier::kFile) {
+    WideString path;
+    if (!WriteHandoffFile(store_, path)) return false;
+    settings_.HandoffFilePath = std::move(path);
+  } else {
+    if (!store_.CreateHandoffMapping()) return false;
+    store_.GetHandoffMappingName(settings_.HandoffMappingName);
+    if (settings_.HandoffMappingName.IsEmpty()) return false;
+  }
+
+  WideString parameters;
+  settings_.BuildConverterCommandLine(u"", u"", parameters);
+  const HINSTANCE started =
+      platform::ShellExecuteW(request.OwnerWindow, nullptr, request.ConverterPath.c_str(),
+                              parameters.c_str(), nullptr, SW_SHOW);
+  if (reinterpret_cast<std::uintptr_t>(started) <= 32) {
+    // Nobody will read the files now; they go without a word, and the run goes on.
+    DebugPrint(u"The converter %s did not start (%u).", request.ConverterPath.c_str(),
+               static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(started)));
+    settings_.ClearHandoffFile();
+    DeleteJobFiles(store_.Jobs);
+  }
+  return true;
 }
 
 }  // namespace mrwl

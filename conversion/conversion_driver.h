@@ -62,9 +62,18 @@ void ShowAddinMessage(std::u16string_view text) noexcept;
 // description, drops both unread, and returns the error's HRESULT.
 HRESULT HandleComError(const ComError& error) noexcept;
 
-// Saves the attachments of `wrapper` beside the exported page in `folder` and lists them in `job`.
-// Returns false when the attachments could not be read.
-bool SaveAttachments(ItemWrapper& wrapper, std::u16string_view folder, ConversionJob& job);
+// Copies the real attachments of `wrapper` into `folder` (ending in its separator) under their
+// own file names and lists the paths in `job`. Inline pictures of the body are passed over; an
+// attachment that can't be read or saved is left out without a word. DeleteAttachments becomes
+// true as soon as the item has any attachment, before anything is written. The name is taken as
+// it stands: two attachments of one name share one file, the later replacing the earlier, and the
+// path then stands in the lists twice.
+void SaveAttachments(ItemWrapper& wrapper, std::u16string_view folder, ConversionJob& job);
+
+// The two carriers of the hand-off record. The file is the one in use; the converter is told
+// which by its option, so the mapping carrier stays ready but unchosen.
+enum class HandoffCarrier { kFile, kMapping };
+inline constexpr HandoffCarrier kHandoffCarrier = HandoffCarrier::kFile;
 
 class ConversionDriver {
  public:
@@ -126,7 +135,12 @@ class ConversionDriver {
   // then stays in the store with DeletePage false.
   virtual bool ExportItem(ItemWrapper& wrapper, const ConverterRequest& request);
 
-  // Hands the store to the converter and starts it. False when the hand-off couldn't be written.
+  // Hands the store to the converter and starts it, without waiting: takes the security and
+  // run-application settings into the store, makes the portfolio's file names distinct, writes
+  // the hand-off and starts request.ConverterPath with the option string. False, with nothing
+  // started, when the hand-off couldn't be written. A converter that fails to start takes the
+  // hand-off file, the pages and the attachment copies with it, without a message; the result is
+  // then still true, so that a run of several items goes on.
   virtual bool LaunchConverter(const ConverterRequest& request);
 
  protected:

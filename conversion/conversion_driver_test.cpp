@@ -1,11 +1,16 @@
 #include "conversion/conversion_driver.h"
 
+#include <algorithm>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <map>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "conversion/handoff_test_support.h"
 #include "foundation/paths.h"
 #include "platform/file_dialog.h"
 #include "platform/utf.h"
@@ -34,6 +39,7 @@ constexpr const char* kSaveFailedLine =
     "Marrowline Outlook Addin: Unable to save email file into user's temporary folder.\n";
 
 std::string Utf8(std::u16string_view text) { return platform::Utf16ToUtf8(text); }
+std::u16string Wide(const std::string& text) { return platform::Utf8ToUtf16(text); }
 std::string FileNameOf(const std::string& path) {
   return std::filesystem::path(path).filename().string();
 }
@@ -154,6 +160,39 @@ class ConversionDriverTest : public ::testing::Test {
   static bool TempHook(WideString& result, TempFolderFunction) noexcept {
     result = TempRoot();
     return !TempRoot().empty();
+  }
+
+  // Puts a program beside the module that stands in for the converter and records its
+  // arguments, one a line; `runnable` false leaves it without the rights of a program.
+  void InstallRecorder(bool runnable = true) {
+    std::filesystem::remove(ArgsFile());
+    temp_.Write("module/" + Utf8(kConverterFileName), testing::RecorderScript(ArgsFile()), true);
+    if (!runnable) {
+      std::filesystem::permissions(temp_.path() / "module" / Utf8(kConverterFileName),
+                                   std::filesystem::perms::owner_read);
+    }
+  }
+  std::string ArgsFile() const { return temp_.PathOf("args.txt"); }
+  // Runs a command through the real hand-off and start of the converter.
+  HRESULT RunReal(bool portfolio) {
+    ConversionDriver real(application_, settings_, store_);
+    ::testing::internal::CaptureStderr();
+    const HRESULT result = real.RunConversion(portfolio);
+    shown_ = ::testing::internal::GetCapturedStderr();
+    return result;
+  }
+  // The names left in the temporary folder, sorted.
+  std::vector<std::string> TempEntries() const {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(temp_.path() / "tmp")) {
+      names.push_back(std::filesystem::relative(entry.path(), temp_.path() / "tmp").string());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+  }
+  std::string HandoffBytes() const {
+    std::ifstream in(Utf8(settings_.HandoffFilePath), std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
   }
 
   testing::TempFolder temp_;
@@ -449,6 +488,237 @@ TEST_F(ConversionDriverTest, PrepareClearsTheStoreAndReadsTheSettingsAfresh) {
   EXPECT_EQ(2u, settings_.CompressionLevel);
   EXPECT_FALSE(settings_.ConvertAttachments);
   EXPECT_TRUE(settings_.HandoffMappingName.IsEmpty());
+}
+
+
+std::filesystem::perms Mode(const std::string& path) {
+  return std::filesystem::symlink_status(path).permissions();
+}
+constexpr auto kPrivateFile =
+    std::filesystem::perms::owner_read | std::filesystem::perms::owner_write;
+
+ComPtr<testing::TestAttachment> Attach(testing::TestMailItem& mail, std::u16string name,
+                                       std::string content, bool inlinePicture = false) {
+  auto attachment = MakeComObject<testing::TestAttachment>();
+  attachment->fileName = std::move(name);
+  attachment->content = std::move(content);
+  if (inlinePicture) {
+    attachment->contentId = u"image001.png@01DA";
+    attachment->flags = 4;
+  }
+  mail.attachments->items.push_back(attachment);
+  return attachment;
+}
+
+// The option string of the default settings, as the converter receives it, up to the hand-off.
+const std::vector<std::string> kDefaultArguments = {
+    "", "", "\\b", "\\h", "\\r", "\\iw", "1280", "\\ih", "800", "\\ld", "500", "\\is", "65540",
+    "\\ic", "1", "\\pw", "5953", "\\ph", "8419", "\\mt", "0", "\\mb", "0", "\\ml", "0", "\\mr",
+    "0", "\\bp"};
+
+TEST_F(ConversionDriverTest, PlainRunHandsPageAndRecordToAStartedConverter) {
+  InstallRecorder();
+  const std::string output = Answer("Status.pdf");
+  auto mail = MakeMail(u"Status");
+  mail->picture = "png bytes";
+  Select({AsItem(mail)});
+  EXPECT_EQ(S_OK, RunReal(false));
+  EXPECT_EQ("", shown_);
+
+  std::vector<std::string> expected = kDefaultArguments;
+  expected.push_back(Utf8(settings_.HandoffFilePath));
+  EXPECT_EQ(expected, testing::WaitForLines(ArgsFile()));
+
+  ASSERT_EQ(1u, mail->saved.paths.size());
+  const std::string page = Utf8(mail->saved.paths[0]);
+  const std::string stem = FileNameOf(page).substr(0, FileNameOf(page).size() - 5);
+  const std::string handoff = FileNameOf(Utf8(settings_.HandoffFilePath));
+  EXPECT_EQ((std::vector<std::string>{stem + ".html", stem + "_files",
+                                      stem + "_files/image001.png", handoff}),
+            TempEntries());
+  // The page, its pictures and the record with its passwords are the user's alone.
+  EXPECT_EQ(kPrivateFile, Mode(page));
+  EXPECT_EQ(std::filesystem::perms::owner_all, Mode(temp_.PathOf("tmp/" + stem + "_files")));
+  EXPECT_EQ(kPrivateFile, Mode(temp_.PathOf("tmp/" + stem + "_files/image001.png")));
+  EXPECT_EQ(kPrivateFile, Mode(Utf8(settings_.HandoffFilePath)));
+  EXPECT_EQ(testing::Golden(testing::kPlainGolden, {{"page", Wide(page)}, {"output", Wide(output)}}),
+            HandoffBytes());
+}
+
+TEST_F(ConversionDriverTest, ProtectedRunCarriesPasswordsAndRealAttachments) {
+  {
+    AddinSettings saved;
+    SecuritySettings& security = *saved.Security;
+    security.secEnabled = true;
+    security.secHasUserPassword = true;
+    security.secHasOwnerPassword = true;
+    security.secOwnerPassword = std::u16string_view(u"Owner1");
+    security.secType = 3;
+    security.sec40AllowPrinting = true;
+    security.sec40AllowCopying = true;
+    security.sec128ContentAccess = true;
+    security.sec128Changes = 2;
+    security.sec128Printing = 1;
+    saved.RunApp->RunCustPDFApp = true;
+    saved.RunApp->RunPDFPath = std::u16string_view(u"/usr/bin/viewer");
+    saved.RunApp->RunPDFParams = std::u16string_view(u"--page 1 %f");
+    saved.SaveSettings();
+  }
+  InstallRecorder();
+  const std::string output = Answer("Plans.pdf");
+  auto mail = MakeMail(u"Plans");
+  Attach(*mail, u"plan.txt", "first");
+  Attach(*mail, u"image001.png", "inline", true);
+  Attach(*mail, u"notes/q3.txt", "refused by the file system");
+  Attach(*mail, u"plan.txt", "second");  // one name twice: the later file wins
+  Select({AsItem(mail)});
+  EXPECT_EQ(S_OK, RunReal(false));
+  EXPECT_EQ("", shown_);
+  EXPECT_EQ(kDefaultArguments.size() + 1, testing::WaitForLines(ArgsFile()).size());
+
+  const std::string attachment = temp_.PathOf("tmp/plan.txt");
+  EXPECT_EQ("second", temp_.Read("tmp/plan.txt"));
+  EXPECT_EQ(kPrivateFile, Mode(attachment));
+  EXPECT_FALSE(temp_.Exists("tmp/image001.png"));
+  // Texts read back from the registry keep its terminator in their length, and the record
+  // carries it along.
+  using namespace std::string_literals;
+  const std::map<std::string, std::u16string> texts = {
+      {"page", mail->saved.paths.at(0)},      {"output", Wide(output)},
+      {"runPath", u"/usr/bin/viewer\0"s},     {"runParams", u"--page 1 %f\0"s},
+      {"attachment1", Wide(attachment)},      {"attachment2", Wide(attachment)}};
+  EXPECT_EQ(testing::Golden(testing::kSecurityGolden, texts), HandoffBytes());
+}
+
+TEST_F(ConversionDriverTest, PortfolioRecordNumbersEqualNamesAndShareAttachmentFiles) {
+  InstallRecorder();
+  const std::string output = Answer("Inbox.pdf");
+  std::vector<ComPtr<testing::TestMailItem>> mails;
+  for (int i = 0; i < 2; ++i) {
+    auto mail = MakeMail(u"Status", u"Ann Lee", u"ann.lee@example.org");
+    mail->to = u"Bob Stone";
+    mail->receivedTime = 46000.5;
+    mails.push_back(mail);
+  }
+  Select({AsItem(mails[0]), AsItem(mails[1])});
+  EXPECT_EQ(S_OK, RunReal(true));
+  EXPECT_EQ("", shown_);
+  EXPECT_EQ(kDefaultArguments.size() + 1, testing::WaitForLines(ArgsFile()).size());
+  const std::map<std::string, std::u16string> texts = {
+      {"page1", mails[0]->saved.paths.at(0)},
+      {"page2", mails[1]->saved.paths.at(0)},
+      {"output", Wide(output)},
+      {"user", u"ann.lee@example.org"},
+      {"folder", u"Inbox"},
+      {"name1", u"Status.pdf"},
+      {"name2", u"Status(1).pdf"},
+      {"from", u"Ann Lee<ann.lee@example.org>"},
+      {"to", u"Bob Stone"},
+      {"cc", u""},
+      {"bcc", u""},
+      {"subject", u"Status"},
+      {"importance", u"1"},
+      {"sensitivity", u"0"}};
+  EXPECT_EQ(testing::Golden(testing::kPortfolioGolden, texts), HandoffBytes());
+
+  // Attachments of one name in two mails: one file, its path in both jobs.
+  InstallRecorder();
+  Answer("Inbox.pdf");
+  for (auto& mail : mails) Attach(*mail, u"report.txt", "from " + Utf8(mail->subject));
+  Select({AsItem(mails[0]), AsItem(mails[1])});
+  EXPECT_EQ(S_OK, RunReal(true));
+  (void)testing::WaitForLines(ArgsFile());
+  const auto decoded = testing::HandoffReader::Decode(HandoffBytes());
+  ASSERT_TRUE(decoded.has_value());
+  ASSERT_EQ(2u, decoded->jobs.size());
+  const std::vector<std::u16string> shared = {Wide(temp_.PathOf("tmp/report.txt"))};
+  EXPECT_EQ(shared, decoded->jobs[0].attachments);
+  EXPECT_EQ(shared, decoded->jobs[1].attachments);
+
+  // A portfolio that found nothing to export still starts the converter, with no jobs.
+  InstallRecorder();
+  const std::string empty = Answer("Nothing.pdf");
+  Select({AsItem(MakeComObject<TestOtherItem>("contact"))});
+  EXPECT_EQ(S_OK, RunReal(true));
+  EXPECT_EQ(kDefaultArguments.size() + 1, testing::WaitForLines(ArgsFile()).size());
+  EXPECT_EQ(testing::Golden(testing::kEmptyPortfolioGolden,
+                            {{"output", Wide(empty)}, {"user", u"ann.lee@example.org"},
+                             {"folder", u"Inbox"}}),
+            HandoffBytes());
+}
+
+TEST_F(ConversionDriverTest, FailedStartTakesEveryTemporaryFileAlong) {
+  InstallRecorder(/*runnable=*/false);
+  Answer("one.pdf");
+  Answer("two.pdf");
+  auto first = MakeMail(u"One");
+  first->picture = "png";
+  Attach(*first, u"a.txt", "a");
+  Attach(*first, u"b.txt", "b");
+  auto second = MakeMail(u"Two");
+  Select({AsItem(first), AsItem(second)});
+  // No message, and the run goes on to the next mail.
+  EXPECT_EQ(S_OK, RunReal(false));
+  EXPECT_EQ("", shown_);
+  EXPECT_EQ(1u, second->saved.paths.size());
+  EXPECT_TRUE(settings_.HandoffFilePath.IsEmpty());
+  EXPECT_EQ(std::vector<std::string>{}, TempEntries());
+  EXPECT_FALSE(std::filesystem::exists(ArgsFile()));
+}
+
+TEST_F(ConversionDriverTest, AttachmentsAreSavedOnlyWhenRealAndAsked) {
+  struct Case {
+    const char* name;
+    bool convertAttachments;
+    std::vector<std::pair<std::u16string, bool>> attachments;  // name, inline picture
+    const char* failing;
+    bool deleteAttachments;
+    std::vector<std::string> saved;  // below the temporary folder
+  };
+  const Case cases[] = {
+      {"none", true, {}, nullptr, false, {}},
+      {"only an inline picture", true, {{u"image001.png", true}}, nullptr, true, {}},
+      {"a text file and an inline picture", true, {{u"a.txt", false}, {u"image001.png", true}},
+       nullptr, true, {"a.txt"}},
+      {"switched off", false, {{u"a.txt", false}}, nullptr, false, {}},
+      {"a failing name is left out", true, {{u"a.txt", false}, {u"b.txt", false}},
+       "Attachment.FileName", true, {"b.txt"}},
+      {"a failing item is left out", true, {{u"a.txt", false}, {u"b.txt", false}},
+       "Attachments.Item", true, {"b.txt"}},
+      {"a failing save is left out", true, {{u"a.txt", false}, {u"b.txt", false}},
+       "Attachment.SaveAsFile", true, {"b.txt"}},
+      {"no count", true, {{u"a.txt", false}}, "Attachments.Count", false, {}},
+      {"no collection", true, {{u"a.txt", false}}, "MailItem.Attachments", false, {}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    Faults().Reset();
+    store_.Clear();
+    for (const auto& entry : std::filesystem::directory_iterator(temp_.path() / "tmp")) {
+      std::filesystem::remove_all(entry.path());
+    }
+    settings_.ConvertAttachments = c.convertAttachments;
+    auto mail = MakeMail(u"Mail");
+    for (const auto& [name, isInline] : c.attachments) Attach(*mail, name, "x", isInline);
+    if (c.failing != nullptr) Faults().Fail(c.failing, E_FAIL, 0, 1);  // the first call only
+
+    ConverterRequest request;
+    request.OutputPath = std::u16string_view(u"/out/mail.pdf");
+    const auto wrapper = MakeWrapper(AsItem(mail).get());
+    ConversionDriver real(application_, settings_, store_);
+    ASSERT_TRUE(real.ExportItem(*wrapper, request));
+    ASSERT_EQ(1u, store_.Jobs.size());
+    const ConversionJob& job = *store_.Jobs[0];
+    EXPECT_EQ(c.deleteAttachments, job.DeleteAttachments);
+    std::vector<std::string> saved;
+    for (const WideString& path : job.Attachments) {
+      EXPECT_TRUE(std::filesystem::exists(Utf8(path)));
+      saved.push_back(std::filesystem::relative(Utf8(path), temp_.path() / "tmp").string());
+    }
+    EXPECT_EQ(c.saved, saved);
+    EXPECT_EQ(u"/out/mail.pdf", job.OutputPath.view());
+    if (!c.convertAttachments) EXPECT_EQ(0u, Faults().CountOf("Attachments.Count"));
+  }
 }
 
 }  // namespace

@@ -2,13 +2,7 @@
 
 #include <new>
 
-#include "platform/files.h"
-
 namespace mrwl {
-
-HandoffMapping::~HandoffMapping() {
-  if (Handle != nullptr) (void)platform::CloseHandle(Handle);
-}
 
 void ConversionStore::Clear() noexcept {
   Mapping.reset();

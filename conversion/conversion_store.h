@@ -7,11 +7,14 @@
 // converter from then on. Main thread only.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <string_view>
 #include <vector>
 
 #include "conversion/item_wrapper.h"
+#include "foundation/stream.h"
 #include "foundation/wide_string.h"
 #include "platform/win_types.h"
 #include "settings/addin_settings.h"
@@ -30,18 +33,34 @@ struct ConversionJob {
   SharedRecord<MailRecord> Record;      // portfolio mode only
 };
 
+// The version byte that opens every hand-off record; the converter refuses other versions.
+inline constexpr std::uint8_t kHandoffVersion = 12;
+// The name of the shared-memory carrier. It is the same for every run, with no process or user in
+// it: the converter knows no other.
+inline constexpr std::u16string_view kHandoffMappingName = u"MRW:IEP:HTMLData";
+
 // The shared-memory carrier of the hand-off: the mapped address and the file-mapping handle. The
 // carrier in use is the hand-off file, so a holder is made only where the mapping carrier ran.
+// The block stays published, for the converter to read, until the holder goes.
 struct HandoffMapping {
   HandoffMapping() = default;
   HandoffMapping(const HandoffMapping&) = delete;
   HandoffMapping& operator=(const HandoffMapping&) = delete;
-  // Closes the handle; the view belongs to the code that mapped it and is gone by then.
-  ~HandoffMapping();
+  ~HandoffMapping() { Unpublish(); }
+
+  // Publishes `size` bytes of a whole hand-off record under kHandoffMappingName, first dropping
+  // what was published before. False, with nothing published, unless `size` is at least 4 and
+  // equal to the record's own TotalSize (its first u32), or when the system refuses the mapping.
+  bool Publish(const void* bytes, std::size_t size) noexcept;
+  // Unmaps the view and closes the handle, clearing both.
+  void Unpublish() noexcept;
 
   void* View = nullptr;
   HANDLE Handle = nullptr;
 };
+
+// The jobs of a store, in order of export.
+using JobList = std::vector<std::unique_ptr<ConversionJob>>;
 
 struct ConversionStore {
   ConversionStore() = default;
@@ -55,7 +74,19 @@ struct ConversionStore {
   // Appends a new, empty job and returns it, owned by the store; null when memory runs out.
   [[nodiscard]] ConversionJob* NewJob() noexcept;
 
-  std::vector<std::unique_ptr<ConversionJob>> Jobs;  // in order of export
+  // Writes the hand-off record of the store into `stream` at its position, which should be 0:
+  // little-endian, unaligned, version kHandoffVersion, the passwords coded as stored, TotalSize
+  // patched in last. False at the first write that fails or comes up short, or when the record
+  // would pass 4 GiB; the stream then holds part of a record.
+  [[nodiscard]] bool SerializeStore(Stream& stream) const noexcept;
+
+  // The shared-memory carrier: serialises the store and publishes it through Mapping, made when
+  // the store has none. False when memory, the record or the mapping fails.
+  [[nodiscard]] bool CreateHandoffMapping() noexcept;
+  // Empties `result`, then gives it kHandoffMappingName if a mapping is held.
+  void GetHandoffMappingName(WideString& result) const noexcept;
+
+  JobList Jobs;  // in order of export
   SharedRecord<SecuritySettings> Security;
   SharedRecord<RunAppSettings> RunApp;
   bool ReservedFlag1 = false;

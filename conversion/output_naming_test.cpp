@@ -1,15 +1,11 @@
 #include "conversion/output_naming.h"
 
 #include <functional>
-#include <regex>
 #include <string>
 
 #include <gtest/gtest.h>
 
-#include "conversion/temp_store.h"
-#include "foundation/paths.h"
 #include "platform/utf.h"
-#include "testing/temp_folder.h"
 #include "testing/test_outlook.h"
 
 namespace mrwl {
@@ -113,51 +109,6 @@ TEST(GetUserAndFolder, TakesTheSmtpOrRecipientAddressAndTheFolderAsItStands) {
     EXPECT_EQ(c.folder, Utf8(folderText));
   }
   OutlookFaults::Get().Reset();
-}
-
-// Points the temporary folder of the process at `folder` for a scope; an empty one can't be told.
-class ScopedTempFolder {
- public:
-  explicit ScopedTempFolder(std::u16string folder) : previous_(SetTempFolderHook(&Hook)) {
-    Folder() = std::move(folder);
-  }
-  ~ScopedTempFolder() { (void)SetTempFolderHook(previous_); }
-
- private:
-  static std::u16string& Folder() {
-    static std::u16string folder;
-    return folder;
-  }
-  static bool Hook(WideString& result, TempFolderFunction) noexcept {
-    result = Folder();
-    return !Folder().empty();
-  }
-  TempFolderHook previous_;
-};
-
-TEST(MakeUniqueTempName, NamesAFreshFileInTheTemporaryFolder) {
-  testing::TempFolder temp;
-  const std::string folder = temp.PathOf("");
-  WideString first;
-  {
-    ScopedTempFolder scoped(temp.WidePathOf(""));
-    ASSERT_TRUE(MakeUniqueTempName(u"mrwm_", u"html", first));
-    const std::string name = Utf8(first);
-    ASSERT_EQ(0u, name.rfind(folder, 0));
-    const std::string leaf = name.substr(folder.size());
-    EXPECT_TRUE(std::regex_match(leaf, std::regex("mrwm_[0-9a-f]+\\.html"))) << leaf;
-    EXPECT_FALSE(temp.Exists(leaf));
-
-    // A taken name is passed over.
-    temp.Write(leaf, "taken");
-    WideString second;
-    ASSERT_TRUE(MakeUniqueTempName(u"mrwm_", u"html", second));
-    EXPECT_NE(name, Utf8(second));
-  }
-
-  ScopedTempFolder none(u"");
-  EXPECT_FALSE(MakeUniqueTempName(u"mrwm_", u"html", first));
-  EXPECT_TRUE(first.IsEmpty());
 }
 
 }  // namespace

@@ -7,6 +7,8 @@
 // OVERLAPPED record.
 #pragma once
 
+#include <cstdio>
+
 #include "platform/win_types.h"
 
 namespace mrwl::platform {
@@ -70,11 +72,38 @@ BOOL MoveFileExW(const char16_t* from, const char16_t* to, DWORD flags) noexcept
 BOOL DeleteFileW(const char16_t* path) noexcept;
 BOOL CreateDirectoryW(const char16_t* path) noexcept;
 BOOL RemoveDirectoryW(const char16_t* path) noexcept;
-// Attributes of a file or folder; INVALID_FILE_ATTRIBUTES with the last error on failure. On
+// Attributes of a file or folder; a symbolic link has FILE_ATTRIBUTE_REPARSE_POINT beside the
+// attributes of its target, as Windows reports links and junctions. INVALID_FILE_ATTRIBUTES with the last error on failure. On
 // POSIX FILE_ATTRIBUTE_READONLY reflects a missing owner write bit, which SetFileAttributesW sets
 // or clears; the other bits are accepted and ignored.
 DWORD GetFileAttributesW(const char16_t* path) noexcept;
 BOOL SetFileAttributesW(const char16_t* path, DWORD attributes) noexcept;
+
+// Makes `path` readable and writable by its owner alone (POSIX mode 0600 for a file, 0700 for a
+// folder), and with `recursive` everything below a folder too, without following symbolic links.
+// Windows gives the files in the user's temporary folder that folder's private rights already,
+// so there it only checks that the path exists. FALSE with the last error on failure.
+BOOL RestrictToOwner(const char16_t* path, BOOL recursive) noexcept;
+
+// Opens `path` with the C runtime's buffered file functions, `mode` as for fopen. Null with errno
+// (and the last error) set on failure. Closed with fclose.
+[[nodiscard]] std::FILE* OpenStdioFile(const char16_t* path, const char* mode) noexcept;
+
+// Named shared memory. CreateFileMappingW with `file` INVALID_HANDLE_VALUE makes a block of
+// sizeHigh:sizeLow bytes, zero-filled, under `name` (null: unnamed); `protect` is PAGE_READONLY
+// or PAGE_READWRITE, `attributes` may be null. An existing name is opened instead, with the last
+// error ERROR_ALREADY_EXISTS. On POSIX only the paging-file form is offered, a name is a shm_open
+// object of mode 0600 and lives while a handle of this process holds it. Null with the last error
+// on failure. Released with CloseHandle.
+HANDLE CreateFileMappingW(HANDLE file, const SECURITY_ATTRIBUTES* attributes, DWORD protect,
+                          DWORD sizeHigh, DWORD sizeLow, const char16_t* name) noexcept;
+// Maps `size` bytes of a mapping from the offset (0 maps everything from it); `access` is
+// FILE_MAP_READ and/or FILE_MAP_WRITE. The view outlives the mapping's handle until
+// UnmapViewOfFile. Null with the last error on failure.
+void* MapViewOfFile(HANDLE mapping, DWORD access, DWORD offsetHigh, DWORD offsetLow,
+                    SIZE_T size) noexcept;
+// Ends a view that MapViewOfFile returned; FALSE with ERROR_INVALID_ADDRESS for any other address.
+BOOL UnmapViewOfFile(const void* view) noexcept;
 
 // Directory listing. `pattern` is a folder followed by a name pattern with "*" and "?"; a pattern
 // without wildcards finds that one entry. FindFirstFileW returns INVALID_HANDLE_VALUE with

@@ -2,6 +2,7 @@
 #include "testing/test_outlook.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <fstream>
 
 #include "platform/utf.h"
@@ -197,8 +198,19 @@ HRESULT TestItem<Outlook>::SaveAs(BSTR path, VARIANT type) {
   TEST_OUTLOOK_ENTER(Member("SaveAs"));
   saved.paths.emplace_back(BstrView(path));
   saved.types.push_back(type.vt == VT_I4 ? type.lVal : -1);
-  std::ofstream page(platform::Utf16ToUtf8(BstrView(path)), std::ios::binary | std::ios::trunc);
-  page << "<html><body><p>" << platform::Utf16ToUtf8(subject) << "</p></body></html>\n";
+  const std::string name = platform::Utf16ToUtf8(BstrView(path));
+  std::ofstream page(name, std::ios::binary | std::ios::trunc);
+  page << "<html><body><p>" << platform::Utf16ToUtf8(subject) << "</p>";
+  if (!picture.empty()) {
+    const std::size_t point = name.rfind(".html");
+    const std::filesystem::path folder = name.substr(0, point) + "_files";
+    std::error_code error;
+    std::filesystem::create_directory(folder, error);
+    std::ofstream(folder / "image001.png", std::ios::binary) << picture;
+    page << "<img src=\"" << folder.filename().string() << "/image001.png\">";
+  }
+  page << "</body></html>\n";
+  page.close();
   return page.good() ? S_OK : E_FAIL;
 }
 

@@ -279,7 +279,8 @@ class TestAttachment : public ComObject<outlook::Attachment> {
     return Answer("Attachment.FileName", fileName, out);
   }
   HRESULT STDMETHODCALLTYPE get_PropertyAccessor(outlook::PropertyAccessor** accessor) override;
-  // Writes `content` to the file, replacing it.
+  // Writes `content` to the file, replacing it; a path the file system refuses fails as in
+  // Outlook, with the error of the failed open.
   HRESULT STDMETHODCALLTYPE SaveAsFile(BSTR path) override;
 
   std::u16string fileName;
@@ -326,7 +327,9 @@ class TestItem : public ComObject<Outlook> {
   HRESULT STDMETHODCALLTYPE get_Subject(BSTR* out) override {
     return Answer(Member("Subject"), subject, out);
   }
-  // Writes a small UTF-8 page naming the subject, and keeps the path and type.
+  // Writes a small UTF-8 page naming the subject, and keeps the path and type. With `picture`
+  // set it also writes the picture into the page's companion folder, as Outlook does for the
+  // pictures of an HTML mail: the path without ".html", plus "_files", holding "image001.png".
   HRESULT STDMETHODCALLTYPE SaveAs(BSTR path, VARIANT type) override;
   HRESULT STDMETHODCALLTYPE get_SenderName(BSTR* out) override {
     return Answer(Member("SenderName"), senderName, out);
@@ -342,6 +345,7 @@ class TestItem : public ComObject<Outlook> {
   LONG importance = 1;
   LONG sensitivity = 0;
   ComPtr<TestAttachments> attachments;
+  std::string picture;
   SavedPages saved;
 
  protected:

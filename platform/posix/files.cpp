@@ -291,13 +291,38 @@ bool NameMatches(std::u16string_view pattern, std::u16string_view name) noexcept
   return false;
 }
 
+// Windows' tag of a symbolic link, which a find record carries in dwReserved0.
+constexpr DWORD kSymlinkReparseTag = 0xA000000Cu;
+
+// The status of `path` as Windows reports a link: a symbolic link shows the attributes of its
+// target with FILE_ATTRIBUTE_REPARSE_POINT beside them, and a link whose target is missing the
+// reparse and archive bits alone (with the link's own status). Callers that walk folders rely
+// on the bit to leave linked folders alone. False with errno if `path` itself cannot be read.
+bool StatThroughLink(const std::string& path, struct stat* st, DWORD* attributes) {
+  if (lstat(path.c_str(), st) != 0) return false;
+  if (!S_ISLNK(st->st_mode)) {
+    *attributes = AttributesOf(*st);
+    return true;
+  }
+  struct stat target {};
+  if (stat(path.c_str(), &target) == 0) {
+    *st = target;
+    *attributes = AttributesOf(target) | FILE_ATTRIBUTE_REPARSE_POINT;
+  } else {
+    *attributes = FILE_ATTRIBUTE_REPARSE_POINT | FILE_ATTRIBUTE_ARCHIVE;
+  }
+  return true;
+}
+
 // Fills `data` for the entry `name` at `path`. False if the name does not fit the record.
 bool FillFindData(const std::string& path, const std::u16string& name, FindDataW* data) {
   if (name.size() >= MAX_PATH) return false;
   struct stat st {};
-  if (stat(path.c_str(), &st) != 0 && lstat(path.c_str(), &st) != 0) return false;
+  DWORD attributes = 0;
+  if (!StatThroughLink(path, &st, &attributes)) return false;
   std::memset(data, 0, sizeof(*data));
-  data->dwFileAttributes = AttributesOf(st);
+  data->dwFileAttributes = attributes;
+  if (attributes & FILE_ATTRIBUTE_REPARSE_POINT) data->dwReserved0 = kSymlinkReparseTag;
   data->ftCreationTime = ToFileTime(st.st_ctim);
   data->ftLastAccessTime = ToFileTime(st.st_atim);
   data->ftLastWriteTime = ToFileTime(st.st_mtim);
@@ -441,7 +466,9 @@ BOOL CloseHandle(HANDLE handle) noexcept {
       break;
     case HandleKind::kFind:
     case HandleKind::kTransaction:
-      // Each of these undoes its own work in its destructor; a transaction rolls back there.
+    case HandleKind::kMapping:
+      // Each of these undoes its own work in its destructor; a transaction rolls back there, a
+      // mapping gives up its hold on its name.
       delete object;
       break;
   }
@@ -737,11 +764,12 @@ DWORD GetFileAttributesW(const char16_t* path) noexcept {
     }
     const std::string name = posix::ToUtf8(path);
     struct stat st {};
-    if (stat(name.c_str(), &st) != 0) {
+    DWORD attributes = 0;
+    if (!StatThroughLink(name, &st, &attributes)) {
       SetLastError(ErrorFromErrno(errno, name));
       return INVALID_FILE_ATTRIBUTES;
     }
-    return AttributesOf(st);
+    return attributes;
   } catch (...) {
     SetLastError(ERROR_NOT_ENOUGH_MEMORY);
     return INVALID_FILE_ATTRIBUTES;
@@ -765,6 +793,101 @@ BOOL SetFileAttributesW(const char16_t* path, DWORD attributes) noexcept {
       return Fail(ErrorFromErrno(errno, name));
     }
     return TRUE;
+  } catch (...) {
+    return Fail(ERROR_NOT_ENOUGH_MEMORY);
+  }
+}
+
+namespace {
+
+// The owner-only mode of an entry: 0700 for a folder, 0600 for anything else, where a file
+// without its owner's write bit stays read-only (0400), as the read-only attribute must survive.
+mode_t OwnerOnlyMode(const struct stat& st) noexcept {
+  if (S_ISDIR(st.st_mode)) return 0700;
+  return (st.st_mode & S_IWUSR) ? 0600 : 0400;
+}
+
+// Changes the mode of `name` in `folder` without following a link that may have taken the
+// entry's place since it was looked at. The C library does that through a descriptor of the entry
+// where the system lets it; elsewhere a second look just before the plain call has to do.
+int ChmodNoFollow(int folder, const char* name, mode_t mode) {
+  if (fchmodat(folder, name, mode, AT_SYMLINK_NOFOLLOW) == 0) return 0;
+  if (errno != EOPNOTSUPP && errno != ENOTSUP) return -1;
+  struct stat st {};
+  if (fstatat(folder, name, &st, AT_SYMLINK_NOFOLLOW) != 0) return -1;
+  if (S_ISLNK(st.st_mode)) return 0;
+  return fchmodat(folder, name, mode, 0);
+}
+
+// Restricts the entries of the open folder `folder`, and below, to their owner. Every entry is
+// looked at by name relative to the folder without following links, so a link placed inside
+// cannot lead the walk, or a mode change, out of the tree. Keeps going past a failure and
+// returns the first error, or ERROR_SUCCESS. Takes ownership of `folder`.
+DWORD RestrictEntriesBelow(int folder) {
+  DIR* dir = fdopendir(folder);
+  if (dir == nullptr) {
+    const DWORD error = posix::WinErrorFromErrno(errno);
+    close(folder);
+    return error;
+  }
+  DWORD firstError = ERROR_SUCCESS;
+  const auto note = [&firstError](DWORD error) {
+    if (firstError == ERROR_SUCCESS) firstError = error;
+  };
+  for (;;) {
+    errno = 0;
+    const dirent* entry = readdir(dir);
+    if (entry == nullptr) {
+      if (errno != 0) note(posix::WinErrorFromErrno(errno));
+      break;
+    }
+    const char* name = entry->d_name;
+    if (std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0) continue;
+    struct stat st {};
+    if (fstatat(dirfd(dir), name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
+      // An entry removed while the walk goes on is no longer anyone's to read.
+      if (errno != ENOENT) note(posix::WinErrorFromErrno(errno));
+      continue;
+    }
+    if (S_ISLNK(st.st_mode)) continue;
+    const mode_t mode = OwnerOnlyMode(st);
+    // The folder's own rights come first, so that a folder closed to its owner can be read.
+    if ((st.st_mode & 07777) != mode && ChmodNoFollow(dirfd(dir), name, mode) != 0) {
+      note(posix::WinErrorFromErrno(errno));
+      continue;
+    }
+    if (S_ISDIR(st.st_mode)) {
+      const int child = openat(dirfd(dir), name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+      if (child < 0) {
+        note(posix::WinErrorFromErrno(errno));
+        continue;
+      }
+      note(RestrictEntriesBelow(child));
+    }
+  }
+  closedir(dir);
+  return firstError;
+}
+
+}  // namespace
+
+BOOL RestrictToOwner(const char16_t* path, BOOL recursive) noexcept {
+  try {
+    if (path == nullptr || *path == 0) return Fail(ERROR_PATH_NOT_FOUND);
+    const std::string name = posix::ToUtf8(path);
+    struct stat st {};
+    if (lstat(name.c_str(), &st) != 0) return Fail(ErrorFromErrno(errno, name));
+    // A link is not ours to change, and what it points to may lie outside anything we own.
+    if (S_ISLNK(st.st_mode)) return TRUE;
+    const mode_t mode = OwnerOnlyMode(st);
+    if ((st.st_mode & 07777) != mode && ChmodNoFollow(AT_FDCWD, name.c_str(), mode) != 0) {
+      return Fail(ErrorFromErrno(errno, name));
+    }
+    if (!recursive || !S_ISDIR(st.st_mode)) return TRUE;
+    const int folder = open(name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (folder < 0) return Fail(ErrorFromErrno(errno, name));
+    const DWORD error = RestrictEntriesBelow(folder);
+    return error == ERROR_SUCCESS ? TRUE : Fail(error);
   } catch (...) {
     return Fail(ERROR_NOT_ENOUGH_MEMORY);
   }
@@ -845,6 +968,23 @@ BOOL FindClose(HANDLE handle) noexcept {
   if (find == nullptr) return Fail(ERROR_INVALID_HANDLE);
   delete find;
   return TRUE;
+}
+
+std::FILE* OpenStdioFile(const char16_t* path, const char* mode) noexcept {
+  try {
+    if (path == nullptr || *path == 0 || mode == nullptr) {
+      errno = ENOENT;
+      Fail(ERROR_PATH_NOT_FOUND);
+      return nullptr;
+    }
+    std::FILE* file = std::fopen(posix::ToUtf8(path).c_str(), mode);
+    if (file == nullptr) Fail(posix::WinErrorFromErrno(errno));
+    return file;
+  } catch (...) {
+    errno = ENOMEM;
+    Fail(ERROR_NOT_ENOUGH_MEMORY);
+    return nullptr;
+  }
 }
 
 DWORD GetTempPathW(DWORD size, char16_t* buffer) noexcept {

@@ -10,7 +10,7 @@ namespace mrwl::platform::posix {
 
 inline constexpr std::uint32_t kHandleMagic = 0x4D524846u;  // tells our objects from stray pointers
 
-enum class HandleKind { kFile, kEvent, kFind, kTransaction };
+enum class HandleKind { kFile, kEvent, kFind, kTransaction, kMapping };
 
 struct HandleObject {
   explicit HandleObject(HandleKind k) noexcept : kind(k) {}
