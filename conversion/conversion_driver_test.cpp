@@ -490,7 +490,6 @@ TEST_F(ConversionDriverTest, PrepareClearsTheStoreAndReadsTheSettingsAfresh) {
   EXPECT_TRUE(settings_.HandoffMappingName.IsEmpty());
 }
 
-
 std::filesystem::perms Mode(const std::string& path) {
   return std::filesystem::symlink_status(path).permissions();
 }
@@ -512,9 +511,9 @@ ComPtr<testing::TestAttachment> Attach(testing::TestMailItem& mail, std::u16stri
 
 // The option string of the default settings, as the converter receives it, up to the hand-off.
 const std::vector<std::string> kDefaultArguments = {
-    "", "", "\\b", "\\h", "\\r", "\\iw", "1280", "\\ih", "800", "\\ld", "500", "\\is", "65540",
-    "\\ic", "1", "\\pw", "5953", "\\ph", "8419", "\\mt", "0", "\\mb", "0", "\\ml", "0", "\\mr",
-    "0", "\\bp"};
+    "",    "",     "\\b",   "\\h",  "\\r", "\\iw", "1280", "\\ih", "800",  "\\ld",
+    "500", "\\is", "65540", "\\ic", "1",   "\\pw", "5953", "\\ph", "8419", "\\mt",
+    "0",   "\\mb", "0",     "\\ml", "0",   "\\mr", "0",    "\\bp"};
 
 TEST_F(ConversionDriverTest, PlainRunHandsPageAndRecordToAStartedConverter) {
   InstallRecorder();
@@ -533,16 +532,17 @@ TEST_F(ConversionDriverTest, PlainRunHandsPageAndRecordToAStartedConverter) {
   const std::string page = Utf8(mail->saved.paths[0]);
   const std::string stem = FileNameOf(page).substr(0, FileNameOf(page).size() - 5);
   const std::string handoff = FileNameOf(Utf8(settings_.HandoffFilePath));
-  EXPECT_EQ((std::vector<std::string>{stem + ".html", stem + "_files",
-                                      stem + "_files/image001.png", handoff}),
+  EXPECT_EQ((std::vector<std::string>{stem + ".html", stem + "_files", stem + "_files/image001.png",
+                                      handoff}),
             TempEntries());
   // The page, its pictures and the record with its passwords are the user's alone.
   EXPECT_EQ(kPrivateFile, Mode(page));
   EXPECT_EQ(std::filesystem::perms::owner_all, Mode(temp_.PathOf("tmp/" + stem + "_files")));
   EXPECT_EQ(kPrivateFile, Mode(temp_.PathOf("tmp/" + stem + "_files/image001.png")));
   EXPECT_EQ(kPrivateFile, Mode(Utf8(settings_.HandoffFilePath)));
-  EXPECT_EQ(testing::Golden(testing::kPlainGolden, {{"page", Wide(page)}, {"output", Wide(output)}}),
-            HandoffBytes());
+  EXPECT_EQ(
+      testing::Golden(testing::kPlainGolden, {{"page", Wide(page)}, {"output", Wide(output)}}),
+      HandoffBytes());
 }
 
 TEST_F(ConversionDriverTest, ProtectedRunCarriesPasswordsAndRealAttachments) {
@@ -584,9 +584,9 @@ TEST_F(ConversionDriverTest, ProtectedRunCarriesPasswordsAndRealAttachments) {
   // carries it along.
   using namespace std::string_literals;
   const std::map<std::string, std::u16string> texts = {
-      {"page", mail->saved.paths.at(0)},      {"output", Wide(output)},
-      {"runPath", u"/usr/bin/viewer\0"s},     {"runParams", u"--page 1 %f\0"s},
-      {"attachment1", Wide(attachment)},      {"attachment2", Wide(attachment)}};
+      {"page", mail->saved.paths.at(0)},  {"output", Wide(output)},
+      {"runPath", u"/usr/bin/viewer\0"s}, {"runParams", u"--page 1 %f\0"s},
+      {"attachment1", Wide(attachment)},  {"attachment2", Wide(attachment)}};
   EXPECT_EQ(testing::Golden(testing::kSecurityGolden, texts), HandoffBytes());
 }
 
@@ -604,21 +604,20 @@ TEST_F(ConversionDriverTest, PortfolioRecordNumbersEqualNamesAndShareAttachmentF
   EXPECT_EQ(S_OK, RunReal(true));
   EXPECT_EQ("", shown_);
   EXPECT_EQ(kDefaultArguments.size() + 1, testing::WaitForLines(ArgsFile()).size());
-  const std::map<std::string, std::u16string> texts = {
-      {"page1", mails[0]->saved.paths.at(0)},
-      {"page2", mails[1]->saved.paths.at(0)},
-      {"output", Wide(output)},
-      {"user", u"ann.lee@example.org"},
-      {"folder", u"Inbox"},
-      {"name1", u"Status.pdf"},
-      {"name2", u"Status(1).pdf"},
-      {"from", u"Ann Lee<ann.lee@example.org>"},
-      {"to", u"Bob Stone"},
-      {"cc", u""},
-      {"bcc", u""},
-      {"subject", u"Status"},
-      {"importance", u"1"},
-      {"sensitivity", u"0"}};
+  const std::map<std::string, std::u16string> texts = {{"page1", mails[0]->saved.paths.at(0)},
+                                                       {"page2", mails[1]->saved.paths.at(0)},
+                                                       {"output", Wide(output)},
+                                                       {"user", u"ann.lee@example.org"},
+                                                       {"folder", u"Inbox"},
+                                                       {"name1", u"Status.pdf"},
+                                                       {"name2", u"Status(1).pdf"},
+                                                       {"from", u"Ann Lee<ann.lee@example.org>"},
+                                                       {"to", u"Bob Stone"},
+                                                       {"cc", u""},
+                                                       {"bcc", u""},
+                                                       {"subject", u"Status"},
+                                                       {"importance", u"1"},
+                                                       {"sensitivity", u"0"}};
   EXPECT_EQ(testing::Golden(testing::kPortfolioGolden, texts), HandoffBytes());
 
   // Attachments of one name in two mails: one file, its path in both jobs.
@@ -641,9 +640,9 @@ TEST_F(ConversionDriverTest, PortfolioRecordNumbersEqualNamesAndShareAttachmentF
   Select({AsItem(MakeComObject<TestOtherItem>("contact"))});
   EXPECT_EQ(S_OK, RunReal(true));
   EXPECT_EQ(kDefaultArguments.size() + 1, testing::WaitForLines(ArgsFile()).size());
-  EXPECT_EQ(testing::Golden(testing::kEmptyPortfolioGolden,
-                            {{"output", Wide(empty)}, {"user", u"ann.lee@example.org"},
-                             {"folder", u"Inbox"}}),
+  EXPECT_EQ(testing::Golden(
+                testing::kEmptyPortfolioGolden,
+                {{"output", Wide(empty)}, {"user", u"ann.lee@example.org"}, {"folder", u"Inbox"}}),
             HandoffBytes());
 }
 
@@ -678,15 +677,31 @@ TEST_F(ConversionDriverTest, AttachmentsAreSavedOnlyWhenRealAndAsked) {
   const Case cases[] = {
       {"none", true, {}, nullptr, false, {}},
       {"only an inline picture", true, {{u"image001.png", true}}, nullptr, true, {}},
-      {"a text file and an inline picture", true, {{u"a.txt", false}, {u"image001.png", true}},
-       nullptr, true, {"a.txt"}},
+      {"a text file and an inline picture",
+       true,
+       {{u"a.txt", false}, {u"image001.png", true}},
+       nullptr,
+       true,
+       {"a.txt"}},
       {"switched off", false, {{u"a.txt", false}}, nullptr, false, {}},
-      {"a failing name is left out", true, {{u"a.txt", false}, {u"b.txt", false}},
-       "Attachment.FileName", true, {"b.txt"}},
-      {"a failing item is left out", true, {{u"a.txt", false}, {u"b.txt", false}},
-       "Attachments.Item", true, {"b.txt"}},
-      {"a failing save is left out", true, {{u"a.txt", false}, {u"b.txt", false}},
-       "Attachment.SaveAsFile", true, {"b.txt"}},
+      {"a failing name is left out",
+       true,
+       {{u"a.txt", false}, {u"b.txt", false}},
+       "Attachment.FileName",
+       true,
+       {"b.txt"}},
+      {"a failing item is left out",
+       true,
+       {{u"a.txt", false}, {u"b.txt", false}},
+       "Attachments.Item",
+       true,
+       {"b.txt"}},
+      {"a failing save is left out",
+       true,
+       {{u"a.txt", false}, {u"b.txt", false}},
+       "Attachment.SaveAsFile",
+       true,
+       {"b.txt"}},
       {"no count", true, {{u"a.txt", false}}, "Attachments.Count", false, {}},
       {"no collection", true, {{u"a.txt", false}}, "MailItem.Attachments", false, {}},
   };
@@ -717,7 +732,9 @@ TEST_F(ConversionDriverTest, AttachmentsAreSavedOnlyWhenRealAndAsked) {
     }
     EXPECT_EQ(c.saved, saved);
     EXPECT_EQ(u"/out/mail.pdf", job.OutputPath.view());
-    if (!c.convertAttachments) EXPECT_EQ(0u, Faults().CountOf("Attachments.Count"));
+    if (!c.convertAttachments) {
+      EXPECT_EQ(0, Faults().CountOf("Attachments.Count"));  // not even counted
+    }
   }
 }
 

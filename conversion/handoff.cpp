@@ -29,10 +29,9 @@ class RecordWriter {
   void Flag(bool value) noexcept { U8(value ? 1 : 0); }
   void U8(std::uint8_t value) noexcept { Bytes(&value, 1); }
   void U32(std::uint32_t value) noexcept {
-    const unsigned char bytes[4] = {static_cast<unsigned char>(value),
-                                    static_cast<unsigned char>(value >> 8),
-                                    static_cast<unsigned char>(value >> 16),
-                                    static_cast<unsigned char>(value >> 24)};
+    const unsigned char bytes[4] = {
+        static_cast<unsigned char>(value), static_cast<unsigned char>(value >> 8),
+        static_cast<unsigned char>(value >> 16), static_cast<unsigned char>(value >> 24)};
     Bytes(bytes, sizeof bytes);
   }
   void U64(std::uint64_t value) noexcept {

@@ -15,11 +15,11 @@ namespace mrwl {
 namespace {
 
 using testing::Golden;
+using testing::HandoffReader;
 using testing::kEmptyPortfolioGolden;
 using testing::kPlainGolden;
 using testing::kPortfolioGolden;
 using testing::kSecurityGolden;
-using testing::HandoffReader;
 
 std::string Serialize(const ConversionStore& store) {
   MemoryStream stream;

@@ -45,7 +45,6 @@ void ItemWrapper::Destroy(ItemWrapper* wrapper) noexcept {
 
 // --- Mail ----------------------------------------------------------------------------------------
 
-
 HRESULT MailItemWrapper::GetTo(BSTR* to) { return Item->get_To(to); }
 HRESULT MailItemWrapper::GetBcc(BSTR* bcc) { return Item->get_BCC(bcc); }
 HRESULT MailItemWrapper::GetCc(BSTR* cc) { return Item->get_CC(cc); }
@@ -71,7 +70,6 @@ bool MailItemWrapper::TryExchangeAddress(BSTR* result) {
 }
 
 // --- Meeting -------------------------------------------------------------------------------------
-
 
 HRESULT MeetingItemWrapper::GetTo(BSTR*) { return E_NOTIMPL; }
 HRESULT MeetingItemWrapper::GetBcc(BSTR*) { return E_NOTIMPL; }

@@ -81,8 +81,7 @@ bool WriteHandoffFile(const ConversionStore& store, WideString& result) noexcept
   // CREATE_NEW: the name was only found free, not reserved, and a file that appeared since
   // belongs to someone else. New files are private to the user, which the passwords need.
   DiskFileStream file;
-  if (Failed(file.Open(result, CREATE_NEW, kAccessWrite, FILE_SHARE_READ,
-                       FILE_ATTRIBUTE_NORMAL))) {
+  if (Failed(file.Open(result, CREATE_NEW, kAccessWrite, FILE_SHARE_READ, FILE_ATTRIBUTE_NORMAL))) {
     result.Clear();
     return false;
   }
@@ -94,8 +93,7 @@ bool WriteHandoffFile(const ConversionStore& store, WideString& result) noexcept
 }
 
 DWORD DeleteFileForced(const char16_t* path) noexcept {
-  if (!platform::SetFileAttributesW(path, FILE_ATTRIBUTE_NORMAL) ||
-      !platform::DeleteFileW(path)) {
+  if (!platform::SetFileAttributesW(path, FILE_ATTRIBUTE_NORMAL) || !platform::DeleteFileW(path)) {
     return LastErrorOr(ERROR_ACCESS_DENIED);
   }
   return 0;

@@ -1,12 +1,12 @@
 #include "conversion/temp_store.h"
 
 #include <algorithm>
-#include <chrono>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <regex>
 #include <string>
-#include <thread>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -73,22 +73,35 @@ TEST(MakeUniqueTempName, NamesAFreshFileInTheTemporaryFolder) {
 }
 
 TEST(MakeUniqueTempName, GivesUpAfterTenThousandAndOneTakenNames) {
-  // The first number comes from the clock, which jumps at each full minute: start well inside one.
-  SYSTEMTIME now{};
-  platform::GetSystemTime(&now);
-  if (now.wSecond >= 55) {
-    std::this_thread::sleep_for(std::chrono::milliseconds((60 - now.wSecond) * 1000 + 100));
+  // The number the search starts from, as the clock gives it now.
+  const auto clock = [] {
+    SYSTEMTIME now{};
     platform::GetSystemTime(&now);
-  }
-  const unsigned start = now.wMilliseconds + (now.wMinute * 100u + now.wSecond) * 1000u;
+    return std::pair<unsigned, unsigned>(
+        now.wMinute, now.wMilliseconds + (now.wMinute * 100u + now.wSecond) * 1000u);
+  };
   testing::TempFolder temp;
-  // Every name the search could try over the next five seconds is taken.
-  for (unsigned n = start; n < start + 10001 + 5000; ++n) {
-    std::ofstream(temp.path() / Utf8(FormatText(u"mrwm_%x.html", n).view()));
+  // Takes every name the search could try: from the number of the clock on, until the names
+  // reach 10001 past where the clock stands after they were made. The count jumps at each full
+  // minute; then the names start over from the new count.
+  auto [minute, next] = clock();
+  for (;;) {
+    const auto [nowMinute, now] = clock();
+    if (nowMinute != minute) {
+      minute = nowMinute;
+      next = now;
+    }
+    if (next >= now + 10001 + 1000) break;
+    for (int i = 0; i < 500; ++i, ++next) {
+      const std::string name = temp.PathOf(Utf8(FormatText(u"mrwm_%x.html", next).view()));
+      if (std::FILE* file = std::fopen(name.c_str(), "w")) std::fclose(file);
+    }
   }
   ScopedTempFolder scoped(temp.WidePathOf(""));
   WideString result(u"stale");
-  EXPECT_FALSE(MakeUniqueTempName(u"mrwm_", u"html", result));
+  const bool found = MakeUniqueTempName(u"mrwm_", u"html", result);
+  if (clock().first != minute) GTEST_SKIP() << "the minute turned during the search";
+  EXPECT_FALSE(found);
   EXPECT_TRUE(result.IsEmpty());
 }
 
@@ -153,10 +166,16 @@ TEST_F(DeleteTreeTest, FilesGoAndWhatStaysKeepsTheFolder) {
   const Case cases[] = {
       {"read-only file", {"a.png", "@ro.png"}, false, 0, {}},
       {"subfolder, recursive", {"a.png", "sub/b.png", "sub/deeper/"}, true, 0, {}},
-      {"subfolder, not recursive: no failure", {"a.png", "sub/b.png"}, false, 0,
+      {"subfolder, not recursive: no failure",
+       {"a.png", "sub/b.png"},
+       false,
+       0,
        {"tree", "tree/sub", "tree/sub/b.png"}},
-      {"a leading point keeps the entry and the folder", {"a.png", ".hidden", "..odd"}, true,
-       ERROR_DIR_NOT_EMPTY, {"tree", "tree/..odd", "tree/.hidden"}},
+      {"a leading point keeps the entry and the folder",
+       {"a.png", ".hidden", "..odd"},
+       true,
+       ERROR_DIR_NOT_EMPTY,
+       {"tree", "tree/..odd", "tree/.hidden"}},
       {"empty folder", {}, false, 0, {}},
   };
   for (const Case& c : cases) {
@@ -206,17 +225,19 @@ TEST_F(DeleteTreeTest, LinksAreRemovedAndNeverFollowed) {
 TEST_F(DeleteTreeTest, ExportedPagesGoWithOneCompanionFolder) {
   struct Case {
     const char* name;
-    std::string page;                 // made, and then deleted by its path
-    std::vector<std::string> extra;   // made beside it
+    std::string page;                // made, and then deleted by its path
+    std::vector<std::string> extra;  // made beside it
     std::vector<std::string> left;
   };
   const Case cases[] = {
       {"underscore folder", "mrwm_1.html", {"mrwm_1_files/@image001.png"}, {}},
       {"point folder", "mrwm_1.html", {"mrwm_1.files/image001.png"}, {}},
-      {"both: the second stays", "mrwm_1.html",
+      {"both: the second stays",
+       "mrwm_1.html",
        {"mrwm_1_files/image001.png", "mrwm_1.files/image001.png"},
        {"mrwm_1.files", "mrwm_1.files/image001.png"}},
-      {"'.html' in a folder name points elsewhere", "x.html.d/mrwm_1.html",
+      {"'.html' in a folder name points elsewhere",
+       "x.html.d/mrwm_1.html",
        {"x.html.d/mrwm_1_files/image001.png"},
        {"x.html.d", "x.html.d/mrwm_1_files", "x.html.d/mrwm_1_files/image001.png"}},
       {"no companion folder", "mrwm_1.html", {"mrwm_1.txt"}, {"mrwm_1.txt"}},
@@ -289,7 +310,9 @@ TEST(MakeAttachmentNamesUnique, LaterEqualNamesAreNumberedBeforeTheirPoint) {
       {"a made name meets a later original",
        {u"a.pdf", u"a.pdf", u"a(1).pdf"},
        {u"a.pdf", u"a(1).pdf", u"a(1)(1).pdf"}},
-      {"prefixes are not equal", {u"a.pdf", u"a.pdfx", u"ab.pdf"}, {u"a.pdf", u"a.pdfx", u"ab.pdf"}},
+      {"prefixes are not equal",
+       {u"a.pdf", u"a.pdfx", u"ab.pdf"},
+       {u"a.pdf", u"a.pdfx", u"ab.pdf"}},
       {"jobs without a record are passed over",
        {u"a.pdf", nullptr, u"a.pdf"},
        {u"a.pdf", nullptr, u"a(1).pdf"}},

@@ -81,10 +81,10 @@ HANDLE FailNull(DWORD error) noexcept {
 
 // The shm_open name of a mapping name: a leading "/" and no other, as POSIX asks.
 std::string ShmNameOf(const char16_t* name) {
-  std::string shmName = "/" + posix::ToUtf8(name);
-  for (std::size_t i = 1; i < shmName.size(); ++i) {
-    if (shmName[i] == '/') shmName[i] = '_';
-  }
+  const std::string text = posix::ToUtf8(name);
+  std::string shmName(1, '/');
+  shmName.reserve(text.size() + 1);
+  for (char c : text) shmName.push_back(c == '/' ? '_' : c);
   return shmName;
 }
 
