@@ -2,9 +2,9 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <map>
+#include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -21,12 +21,14 @@
 namespace mrwl {
 namespace {
 
+namespace fs = std::filesystem;
 using testing::AsItem;
 using testing::MakeMail;
 using testing::OutlookFaults;
 using testing::TestOtherItem;
 
 constexpr HRESULT kGenericFailure = static_cast<HRESULT>(0x80004005u);
+constexpr auto kPrivateFile = fs::perms::owner_read | fs::perms::owner_write;
 
 constexpr const char* kNoMailLine =
     "Marrowline Outlook Addin: No mail item selected for conversion. Please, select or open a "
@@ -38,42 +40,62 @@ constexpr const char* kNoTempFolderLine =
 constexpr const char* kSaveFailedLine =
     "Marrowline Outlook Addin: Unable to save email file into user's temporary folder.\n";
 
+// The option string of the default settings, as the converter receives it, up to the hand-off.
+const std::vector<std::string> kDefaultArguments = {
+    "",    "",     "\\b",   "\\h",  "\\r", "\\iw", "1280", "\\ih", "800",  "\\ld",
+    "500", "\\is", "65540", "\\ic", "1",   "\\pw", "5953", "\\ph", "8419", "\\mt",
+    "0",   "\\mb", "0",     "\\ml", "0",   "\\mr", "0",    "\\bp"};
+
 std::string Utf8(std::u16string_view text) { return platform::Utf16ToUtf8(text); }
 std::u16string Wide(const std::string& text) { return platform::Utf8ToUtf16(text); }
-std::string FileNameOf(const std::string& path) {
-  return std::filesystem::path(path).filename().string();
+std::string FileNameOf(const std::string& path) { return fs::path(path).filename().string(); }
+fs::perms Mode(const std::string& path) { return fs::symlink_status(path).permissions(); }
+
+template <typename... Item>
+std::vector<ComPtr<IDispatch>> Items(const Item&... items) {
+  return {AsItem(items)...};
 }
 
-// What the store held when the driver handed it on.
-struct Launch {
-  std::string outputPath, portfolioOutputPath, portfolioUser, portfolioFolder;
-  bool portfolio = false;
-  std::vector<std::string> pages, jobOutputs, recordNames;  // "-" for a job without a record
-};
+void Attach(testing::TestMailItem& mail, std::u16string name, std::string content,
+            bool inlinePicture = false) {
+  auto attachment = MakeComObject<testing::TestAttachment>();
+  attachment->fileName = std::move(name);
+  attachment->content = std::move(content);
+  if (inlinePicture) {
+    attachment->contentId = u"image001.png@01DA";
+    attachment->flags = 4;
+  }
+  mail.attachments->items.push_back(attachment);
+}
 
-// The driver with the hand-off replaced by a record of what it would have handed on; the
-// fault "Driver.LaunchConverter" makes the hand-off fail.
+// Records what the store held instead of handing it on, unless `real`: for each launch
+// "OUTPUT [PORTFOLIO-OUTPUT|USER|FOLDER] {JOB-OUTPUT|RECORD-NAME}..." with file names only, the
+// brackets for a portfolio only, "-" for a job without a record. The fault
+// "Driver.LaunchConverter" makes the hand-off fail.
 class RecordingDriver : public ConversionDriver {
  public:
   using ConversionDriver::ConversionDriver;
 
   bool LaunchConverter(const ConverterRequest& request) override {
+    if (real) return ConversionDriver::LaunchConverter(request);
     if (FAILED(OutlookFaults::Get().Enter("Driver.LaunchConverter"))) return false;
-    Launch& launch = launches.emplace_back();
-    launch.outputPath = Utf8(request.OutputPath);
-    launch.portfolio = store_.Portfolio;
-    launch.portfolioOutputPath = Utf8(store_.PortfolioOutputPath);
-    launch.portfolioUser = Utf8(store_.PortfolioUser);
-    launch.portfolioFolder = Utf8(store_.PortfolioFolder);
-    for (const auto& job : store_.Jobs) {
-      launch.pages.push_back(Utf8(job->PagePath));
-      launch.jobOutputs.push_back(Utf8(job->OutputPath));
-      launch.recordNames.push_back(job->Record ? Utf8(job->Record->FileName) : "-");
+    std::string line = FileNameOf(Utf8(request.OutputPath));
+    if (store_.Portfolio) {
+      line += " [" + FileNameOf(Utf8(store_.PortfolioOutputPath)) + "|" +
+              Utf8(store_.PortfolioUser) + "|" + Utf8(store_.PortfolioFolder) + "]";
     }
+    for (const auto& job : store_.Jobs) {
+      line += " {" + FileNameOf(Utf8(job->OutputPath)) + "|" +
+              (job->Record ? Utf8(job->Record->FileName) : "-") + "}";
+      pages.push_back(Utf8(job->PagePath));
+    }
+    launches += (launches.empty() ? "" : "; ") + line;
     return true;
   }
 
-  std::vector<Launch> launches;
+  bool real = false;
+  std::string launches;  // "; " between launches
+  std::vector<std::string> pages;
 };
 
 // A window that is both an explorer and an inspector; its query for `failingIid` fails with
@@ -101,10 +123,8 @@ class TwoFacedWindow : public ComObject<outlook::_Explorer, outlook::_Inspector>
 class ConversionDriverTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    Faults().Reset();
-    platform::ClearFileDialogAnswers();
-    std::filesystem::create_directories(temp_.path() / "tmp");
-    TempRoot() = temp_.WidePathOf("tmp/");
+    Reset();
+    fs::create_directories(temp_.path() / "tmp");
     previousHook_ = SetTempFolderHook(&TempHook);
     SetModuleFolder(temp_.WidePathOf("module/"));
   }
@@ -112,20 +132,32 @@ class ConversionDriverTest : public ::testing::Test {
     (void)SetTempFolderHook(previousHook_);
     platform::ClearFileDialogAnswers();
   }
+  // Between the cases of a table too.
+  void Reset() {
+    Faults().Reset();
+    platform::ClearFileDialogAnswers();
+    store_.Clear();
+    TempRoot() = temp_.WidePathOf("tmp/");
+  }
 
   static OutlookFaults& Faults() { return OutlookFaults::Get(); }
+  static std::size_t Pending() { return platform::PendingFileDialogAnswers(); }
 
-  void InstallConverter() {
-    temp_.Write("module/" + Utf8(kConverterFileName), "#!/bin/sh\n", true);
+  // Puts a stand-in converter beside the module that records its arguments, one a line;
+  // `runnable` false leaves it without the rights of a program.
+  void InstallConverter(bool runnable = true) {
+    fs::remove(ArgsFile());
+    const std::string path = temp_.Write("module/" + Utf8(kConverterFileName),
+                                         testing::RecorderScript(ArgsFile()), true);
+    if (!runnable) fs::permissions(path, fs::perms::owner_read);
   }
+  std::string ArgsFile() const { return temp_.PathOf("args.txt"); }
   // Queues the save dialog's answer: a file in the test's "out" folder, or "" for the proposal.
   std::string Answer(const std::string& name) {
     const std::string path = name.empty() ? std::string() : temp_.PathOf("out/" + name);
-    EXPECT_TRUE(platform::QueueFileDialogAnswer(platform::Utf8ToUtf16(path)));
+    EXPECT_TRUE(platform::QueueFileDialogAnswer(Wide(path)));
     return path;
   }
-  void Cancel() { EXPECT_TRUE(platform::QueueFileDialogCancel()); }
-  static std::size_t Pending() { return platform::PendingFileDialogAnswers(); }
   void Select(std::vector<ComPtr<IDispatch>> items) {
     world_ = testing::MakeExplorerWorld(std::move(items));
     application_ = world_.application;
@@ -145,14 +177,16 @@ class ConversionDriverTest : public ::testing::Test {
     application_ = app;
   }
 
-  // Runs a command as the ribbon does and keeps what it showed.
-  HRESULT Run(bool portfolio) {
+  // Runs a command as the ribbon does and keeps what it showed; `real` starts the converter.
+  HRESULT Run(bool portfolio, bool real = false) {
+    driver_.real = real;
     ::testing::internal::CaptureStderr();
     const HRESULT result = driver_.RunConversion(portfolio);
     shown_ = ::testing::internal::GetCapturedStderr();
     return result;
   }
 
+  // The temporary folder the driver is given; empty when none can be found.
   static std::u16string& TempRoot() {
     static std::u16string root;
     return root;
@@ -162,37 +196,17 @@ class ConversionDriverTest : public ::testing::Test {
     return !TempRoot().empty();
   }
 
-  // Puts a program beside the module that stands in for the converter and records its
-  // arguments, one a line; `runnable` false leaves it without the rights of a program.
-  void InstallRecorder(bool runnable = true) {
-    std::filesystem::remove(ArgsFile());
-    temp_.Write("module/" + Utf8(kConverterFileName), testing::RecorderScript(ArgsFile()), true);
-    if (!runnable) {
-      std::filesystem::permissions(temp_.path() / "module" / Utf8(kConverterFileName),
-                                   std::filesystem::perms::owner_read);
-    }
-  }
-  std::string ArgsFile() const { return temp_.PathOf("args.txt"); }
-  // Runs a command through the real hand-off and start of the converter.
-  HRESULT RunReal(bool portfolio) {
-    ConversionDriver real(application_, settings_, store_);
-    ::testing::internal::CaptureStderr();
-    const HRESULT result = real.RunConversion(portfolio);
-    shown_ = ::testing::internal::GetCapturedStderr();
-    return result;
-  }
   // The names left in the temporary folder, sorted.
   std::vector<std::string> TempEntries() const {
     std::vector<std::string> names;
-    for (const auto& entry : std::filesystem::recursive_directory_iterator(temp_.path() / "tmp")) {
-      names.push_back(std::filesystem::relative(entry.path(), temp_.path() / "tmp").string());
+    for (const auto& entry : fs::recursive_directory_iterator(temp_.path() / "tmp")) {
+      names.push_back(fs::relative(entry.path(), temp_.path() / "tmp").string());
     }
     std::sort(names.begin(), names.end());
     return names;
   }
   std::string HandoffBytes() const {
-    std::ifstream in(Utf8(settings_.HandoffFilePath), std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    return temp_.Read("tmp/" + FileNameOf(Utf8(settings_.HandoffFilePath)));
   }
 
   testing::TempFolder temp_;
@@ -207,29 +221,27 @@ class ConversionDriverTest : public ::testing::Test {
 };
 
 TEST_F(ConversionDriverTest, WindowKindsFollowTheActiveWindow) {
-  struct Case {
+  const auto twoFaced = [](const IID& iid, HRESULT error) {
+    return AsItem(MakeComObject<TwoFacedWindow>(iid, error));
+  };
+  const struct {
     const char* name;
     ComPtr<IDispatch> window;
     bool activeWindowFails;
     int kind;  // 7: left as it came
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"explorer", AsItem(MakeComObject<testing::TestExplorer>()), false, kExplorerWindow},
       {"inspector", AsItem(MakeComObject<testing::TestInspector>()), false, kInspectorWindow},
       {"reminder window", AsItem(MakeComObject<TestOtherItem>("reminders")), false, kOtherWindow},
-      {"both at once: the explorer wins", AsItem(MakeComObject<TwoFacedWindow>()), false,
-       kExplorerWindow},
+      {"both: the explorer wins", twoFaced(IID_NULL, S_OK), false, kExplorerWindow},
       {"no active window", nullptr, false, kOtherWindow},
       {"ActiveWindow failing", AsItem(MakeComObject<testing::TestExplorer>()), true, 7},
-      {"explorer query failing otherwise",
-       AsItem(MakeComObject<TwoFacedWindow>(outlook::IID__Explorer, E_UNEXPECTED)), false, 7},
-      {"inspector query failing otherwise",
-       AsItem(MakeComObject<TwoFacedWindow>(outlook::IID__Inspector, E_UNEXPECTED)), false, 7},
-      {"no-interface is an answer, not a failure",
-       AsItem(MakeComObject<TwoFacedWindow>(outlook::IID__Explorer, E_NOINTERFACE)), false,
-       kInspectorWindow},
+      {"explorer query failing", twoFaced(outlook::IID__Explorer, E_UNEXPECTED), false, 7},
+      {"inspector query failing", twoFaced(outlook::IID__Inspector, E_UNEXPECTED), false, 7},
+      {"no-interface is an answer, not a failure", twoFaced(outlook::IID__Explorer, E_NOINTERFACE),
+       false, kInspectorWindow},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     Faults().Reset();
     if (c.activeWindowFails) Faults().Fail("Application.ActiveWindow", kGenericFailure);
@@ -246,7 +258,7 @@ TEST_F(ConversionDriverTest, RunsThatFindNothingToConvertAskNothing) {
   const ComPtr<IDispatch> mail = AsItem(MakeMail(u"Status"));
   const ComPtr<IDispatch> contact = AsItem(MakeComObject<TestOtherItem>("contact"));
   enum Window { kNoApplication, kNote, kInspector, kNoInspector, kExplorer, kNoSelection };
-  struct Case {
+  const struct {
     const char* name;
     Window window;
     ComPtr<IDispatch> item;  // open or selected
@@ -254,8 +266,7 @@ TEST_F(ConversionDriverTest, RunsThatFindNothingToConvertAskNothing) {
     bool raise;
     HRESULT result;
     const char* shown;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"no application: the window can't be told", kNoApplication, nullptr, nullptr, false, 1, ""},
       {"a note's window", kNote, nullptr, nullptr, false, S_OK, ""},
       // An open item that isn't a mail, or can't be reached, ends the run without a word.
@@ -273,11 +284,10 @@ TEST_F(ConversionDriverTest, RunsThatFindNothingToConvertAskNothing) {
       {"empty selection", kExplorer, nullptr, nullptr, false, 1, kNoMailLine},
       {"no selection", kNoSelection, nullptr, nullptr, false, 1, kNoMailLine},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     for (const bool portfolio : {false, true}) {
       SCOPED_TRACE(std::string(c.name) + (portfolio ? ", portfolio" : ""));
-      Faults().Reset();
-      platform::ClearFileDialogAnswers();
+      Reset();
       Answer("never.pdf");
       if (c.window == kNoApplication) application_ = nullptr;
       if (c.window == kNote) ActivateWindow(AsItem(MakeComObject<TestOtherItem>("note")));
@@ -285,9 +295,9 @@ TEST_F(ConversionDriverTest, RunsThatFindNothingToConvertAskNothing) {
       if (c.window == kNoInspector) {
         static_cast<testing::TestApplication*>(application_.get())->activeInspector = nullptr;
       }
-      std::vector<ComPtr<IDispatch>> selected;
-      if (c.item) selected.push_back(c.item);
-      if (c.window == kExplorer || c.window == kNoSelection) Select(selected);
+      if (c.window == kExplorer || c.window == kNoSelection) {
+        Select(c.item ? Items(c.item) : Items());
+      }
       if (c.window == kNoSelection) world_.explorer->selection = nullptr;
       if (c.failing != nullptr && c.raise) Faults().Throw(c.failing, kInjected);
       if (c.failing != nullptr && !c.raise) Faults().Fail(c.failing, kInjected);
@@ -301,227 +311,126 @@ TEST_F(ConversionDriverTest, RunsThatFindNothingToConvertAskNothing) {
 
   // A plain run over items of other kinds only gives the code of the last fetch, also when that
   // fetch failed.
-  Faults().Reset();
+  Reset();
+  Answer("one.pdf");
   Select({contact, nullptr, AsItem(MakeComObject<TestOtherItem>("task"))});
   EXPECT_EQ(S_OK, Run(false));
   EXPECT_EQ("", shown_);
   EXPECT_EQ(1u, Pending());
   Select({mail, AsItem(MakeMail(u"Two"))});
-  Faults().Reset();
+  Faults().Reset();  // the call counts start afresh
   Faults().Fail("Selection.Item", DISP_E_BADINDEX, 1);
   EXPECT_EQ(DISP_E_BADINDEX, Run(false));
-  EXPECT_EQ(1u, driver_.launches.size());
+  EXPECT_EQ("one.pdf {one.pdf|-}", driver_.launches);
 }
 
-TEST_F(ConversionDriverTest, OpenMailIsConvertedAloneUnderItsSanitisedSubject) {
+TEST_F(ConversionDriverTest, RunsHandOnWhatTheyFind) {
   InstallConverter();
-  Answer("");  // take the proposed name
-  auto mail = MakeMail(u"Re: Q3-report [final].doc");
-  OpenInspector(AsItem(mail));
-  EXPECT_EQ(S_OK, Run(false));
-  EXPECT_EQ("", shown_);
-  ASSERT_EQ(1u, driver_.launches.size());
-  const Launch& launch = driver_.launches[0];
-  EXPECT_EQ("Re Q3report finaldoc.pdf", FileNameOf(launch.outputPath));
-  EXPECT_FALSE(launch.portfolio);
-  EXPECT_EQ(std::vector<std::string>{launch.outputPath}, launch.jobOutputs);
-  EXPECT_EQ(std::vector<std::string>{"-"}, launch.recordNames);
-
-  // The page stands in the temporary folder under the export's own prefix, written as HTML.
-  const std::filesystem::path page(launch.pages.at(0));
-  EXPECT_EQ(temp_.path() / "tmp", page.parent_path());
-  EXPECT_EQ(0u, page.filename().string().rfind("mrwm_", 0));
-  EXPECT_EQ(".html", page.extension().string());
-  EXPECT_TRUE(std::filesystem::exists(page));
-  EXPECT_EQ(std::vector<LONG>{outlook::olHTML}, mail->saved.types);
-  EXPECT_TRUE(store_.Jobs.at(0)->DeletePage);
-  EXPECT_FALSE(store_.Jobs.at(0)->DeleteAttachments);
-
-  // The portfolio command on an open mail makes a portfolio of that one mail.
-  Select({});  // the session and user come with the world
-  const std::string output = Answer("single.pdf");
-  OpenInspector(AsItem(MakeMail(u"Budget: 2025")));
-  EXPECT_EQ(S_OK, Run(true));
-  ASSERT_EQ(2u, driver_.launches.size());
-  const Launch& single = driver_.launches[1];
-  EXPECT_TRUE(single.portfolio);
-  EXPECT_EQ(output, single.portfolioOutputPath);
-  EXPECT_EQ("ann.lee@example.org", single.portfolioUser);
-  EXPECT_EQ("", single.portfolioFolder);  // no explorer is active
-  EXPECT_EQ(std::vector<std::string>{"Budget 2025.pdf"}, single.recordNames);
-}
-
-TEST_F(ConversionDriverTest, PlainRunAsksForEachMailAndStopsAtACancel) {
-  InstallConverter();
-  const std::string first = Answer("first.pdf");
-  const std::string second = Answer("second.pdf");
-  Select({AsItem(MakeMail(u"One")), AsItem(MakeComObject<TestOtherItem>("contact")),
-          AsItem(MakeMail(u"Two"))});
-  EXPECT_EQ(S_OK, Run(false));
-  EXPECT_EQ("", shown_);
-  EXPECT_EQ(0u, Pending());
-  ASSERT_EQ(2u, driver_.launches.size());
-  // Each run starts from an empty store: one job per hand-off.
-  EXPECT_EQ(std::vector<std::string>{first}, driver_.launches[0].jobOutputs);
-  EXPECT_EQ(std::vector<std::string>{second}, driver_.launches[1].jobOutputs);
-  EXPECT_NE(driver_.launches[0].pages, driver_.launches[1].pages);
-
-  // Cancelling the second of three dialogs leaves the first handed on and the third untouched.
-  Answer("first.pdf");
-  Cancel();
-  Answer("third.pdf");
-  auto third = MakeMail(u"Three");
-  Select({AsItem(MakeMail(u"One")), AsItem(MakeMail(u"Two")), AsItem(third)});
-  EXPECT_EQ(kGenericFailure, Run(false));
-  EXPECT_EQ("", shown_);
-  EXPECT_EQ(3u, driver_.launches.size());
-  EXPECT_EQ(1u, Pending());
-  EXPECT_TRUE(third->saved.paths.empty());
-}
-
-TEST_F(ConversionDriverTest, PortfolioHasOneDialogOneConverterAndARecordPerMail) {
-  InstallConverter();
-  const std::string output = Answer("all.pdf");
   auto meeting = MakeComObject<testing::TestMeetingItem>();
   meeting->subject = u"Planning";
-  Select({AsItem(MakeMail(u"Re: One")), AsItem(MakeComObject<TestOtherItem>("contact")),
-          AsItem(meeting)});
-  EXPECT_EQ(S_OK, Run(true));
-  EXPECT_EQ("", shown_);
-  ASSERT_EQ(1u, driver_.launches.size());
-  const Launch& launch = driver_.launches[0];
-  EXPECT_TRUE(launch.portfolio);
-  EXPECT_EQ(output, launch.portfolioOutputPath);
-  EXPECT_EQ("Inbox", launch.portfolioFolder);
-  EXPECT_EQ("ann.lee@example.org", launch.portfolioUser);
-  EXPECT_EQ((std::vector<std::string>{"Re One.pdf", "Planning.pdf"}), launch.recordNames);
-  EXPECT_EQ((std::vector<std::string>{output, output}), launch.jobOutputs);
+  const auto contact = MakeComObject<TestOtherItem>("contact");
+  const struct {
+    const char* name;
+    bool open;  // an inspector on the first item, else an explorer selecting them all
+    bool portfolio;
+    const char* answers;   // comma-separated; "" takes the proposed name
+    const char* launches;  // "; "-separated
+    std::vector<ComPtr<IDispatch>> items;
+  } cases[] = {
+      // No explorer is active, so no folder.
+      {"open mail, portfolio: a portfolio of that one mail", true, true, "single.pdf",
+       "single.pdf [single.pdf|ann.lee@example.org|] {single.pdf|Budget 2025.pdf}",
+       Items(MakeMail(u"Budget: 2025"))},
+      {"open mail: its sanitised subject proposed", true, false, "",
+       "Re Q3report finaldoc.pdf {Re Q3report finaldoc.pdf|-}",
+       Items(MakeMail(u"Re: Q3-report [final].doc"))},
+      {"selection: a dialog and a converter for each mail", false, false, "first.pdf,second.pdf",
+       "first.pdf {first.pdf|-}; second.pdf {second.pdf|-}",
+       Items(MakeMail(u"One"), contact, MakeMail(u"Two"))},
+      {"selection, portfolio: one of each, a record per mail or meeting", false, true, "all.pdf",
+       "all.pdf [all.pdf|ann.lee@example.org|Inbox] {all.pdf|Re One.pdf} {all.pdf|Planning.pdf}",
+       Items(MakeMail(u"Re: One"), contact, meeting)},
+  };
+  // No Reset between the cases: each run must clear the store and settings the last one left.
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    driver_.launches.clear();
+    driver_.pages.clear();
+    settings_.HandoffMappingName = std::u16string_view(u"MRW:IEP:HTMLData");
+    Select(c.open ? std::vector<ComPtr<IDispatch>>{} : c.items);  // the session comes with it
+    if (c.open) OpenInspector(c.items[0]);
+    for (std::string_view rest = c.answers;; rest.remove_prefix(rest.find(',') + 1)) {
+      Answer(std::string(rest.substr(0, rest.find(','))));
+      if (rest.find(',') == rest.npos) break;
+    }
 
-  // Only contacts: still one dialog, proposing the folder's name unsanitised, and a start.
-  Answer("");
-  Select({AsItem(MakeComObject<TestOtherItem>("contact"))});
-  world_.explorer->currentFolder = MakeComObject<testing::TestFolder>(u"Clients-2025");
-  EXPECT_EQ(S_OK, Run(true));
-  EXPECT_EQ(0u, Pending());
-  ASSERT_EQ(2u, driver_.launches.size());
-  EXPECT_TRUE(driver_.launches[1].portfolio);
-  EXPECT_TRUE(driver_.launches[1].pages.empty());
-  EXPECT_EQ("Clients-2025.pdf", FileNameOf(driver_.launches[1].outputPath));
+    EXPECT_EQ(S_OK, Run(c.portfolio));
+    EXPECT_EQ("", shown_);
+    EXPECT_EQ(0u, Pending());
+    EXPECT_EQ(c.launches, driver_.launches);
+    EXPECT_TRUE(settings_.HandoffMappingName.IsEmpty());
+    // A page of its own for each job, or one would overwrite another before it is read.
+    EXPECT_EQ(driver_.pages.size(), std::set(driver_.pages.begin(), driver_.pages.end()).size());
+  }
 }
 
 TEST_F(ConversionDriverTest, EachFailureStopsTheRunAtTheFirstItem) {
   enum Fault { kCancel, kNoConverter, kNoTempFolder, kSaveFails, kHandOffFails };
-  struct Case {
-    const char* name;
-    Fault fault;
-    bool portfolio;
-    HRESULT result;
-    const char* shown;
-    std::size_t jobs;  // in the store afterwards
-  };
   // A cancelled portfolio is no failure, and a missing converter answers as a cancel does. The
   // converter is looked for only after the dialog: a cancel says nothing even without it.
-  const Case cases[] = {
-      {"cancelled", kCancel, false, kGenericFailure, "", 0},
-      {"cancelled portfolio", kCancel, true, S_OK, "", 0},
-      {"no converter", kNoConverter, false, kGenericFailure, kConverterMissingLine, 0},
-      {"no converter, portfolio", kNoConverter, true, S_OK, kConverterMissingLine, 0},
-      {"no temporary folder", kNoTempFolder, false, kGenericFailure, kNoTempFolderLine, 1},
-      {"no temporary folder, portfolio", kNoTempFolder, true, kGenericFailure, kNoTempFolderLine,
+  const struct {
+    const char* name;
+    Fault fault;
+    HRESULT plainResult, portfolioResult;
+    const char* shown;
+    std::size_t plainJobs, portfolioJobs;  // in the store afterwards
+  } cases[] = {
+      {"cancelled", kCancel, kGenericFailure, S_OK, "", 0, 0},
+      {"no converter", kNoConverter, kGenericFailure, S_OK, kConverterMissingLine, 0, 0},
+      {"no temporary folder", kNoTempFolder, kGenericFailure, kGenericFailure, kNoTempFolderLine, 1,
        1},
-      {"SaveAs failing", kSaveFails, false, kGenericFailure, kSaveFailedLine, 1},
-      {"SaveAs failing, portfolio", kSaveFails, true, kGenericFailure, kSaveFailedLine, 1},
-      {"hand-off failing", kHandOffFails, false, kGenericFailure, "", 1},
-      {"hand-off failing, portfolio", kHandOffFails, true, kGenericFailure, "", 2},
+      {"SaveAs failing", kSaveFails, kGenericFailure, kGenericFailure, kSaveFailedLine, 1, 1},
+      {"hand-off failing", kHandOffFails, kGenericFailure, kGenericFailure, "", 1, 2},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    Faults().Reset();
-    platform::ClearFileDialogAnswers();
-    store_.Clear();
-    std::filesystem::remove(temp_.path() / "module" / Utf8(kConverterFileName));
-    TempRoot() = temp_.WidePathOf("tmp/");
-    if (c.fault != kCancel && c.fault != kNoConverter) InstallConverter();
-    if (c.fault == kCancel) Cancel();
-    if (c.fault != kCancel) Answer("one.pdf");
-    Answer("two.pdf");
-    if (c.fault == kNoTempFolder) TempRoot().clear();
-    if (c.fault == kSaveFails) Faults().Fail("MailItem.SaveAs", E_ACCESSDENIED);
-    if (c.fault == kHandOffFails) Faults().Fail("Driver.LaunchConverter", E_FAIL);
-    Select({AsItem(MakeMail(u"One")), AsItem(MakeMail(u"Two"))});
+  for (const auto& c : cases) {
+    for (const bool portfolio : {false, true}) {
+      SCOPED_TRACE(std::string(c.name) + (portfolio ? ", portfolio" : ""));
+      Reset();
+      fs::remove(temp_.path() / "module" / Utf8(kConverterFileName));
+      if (c.fault != kCancel && c.fault != kNoConverter) InstallConverter();
+      if (c.fault == kCancel) {
+        EXPECT_TRUE(platform::QueueFileDialogCancel());
+      } else {
+        Answer("one.pdf");
+      }
+      Answer("two.pdf");
+      if (c.fault == kNoTempFolder) TempRoot().clear();
+      if (c.fault == kSaveFails) Faults().Fail("MailItem.SaveAs", E_ACCESSDENIED);
+      if (c.fault == kHandOffFails) Faults().Fail("Driver.LaunchConverter", E_FAIL);
+      Select(Items(MakeMail(u"One"), MakeMail(u"Two")));
 
-    EXPECT_EQ(c.result, Run(c.portfolio));
-    EXPECT_EQ(c.shown, shown_);
-    EXPECT_EQ(1u, Pending());  // the second item's dialog was never shown
-    EXPECT_TRUE(driver_.launches.empty());
-    ASSERT_EQ(c.jobs, store_.Jobs.size());
-    if (c.jobs == 0) continue;
-    // A job is made before its export is tried, and one whose export failed has no page.
-    const ConversionJob& job = *store_.Jobs[0];
-    EXPECT_EQ(c.fault == kHandOffFails, job.DeletePage);
-    EXPECT_EQ(c.fault == kHandOffFails, !job.PagePath.IsEmpty());
-    EXPECT_EQ(c.portfolio, static_cast<bool>(job.Record));
+      EXPECT_EQ(portfolio ? c.portfolioResult : c.plainResult, Run(portfolio));
+      EXPECT_EQ(c.shown, shown_);
+      EXPECT_EQ(1u, Pending());  // the second item's dialog was never shown
+      EXPECT_TRUE(driver_.launches.empty());
+      ASSERT_EQ(portfolio ? c.portfolioJobs : c.plainJobs, store_.Jobs.size());
+      if (store_.Jobs.empty()) continue;
+      // A job is made before its export is tried, and one whose export failed has no page.
+      const ConversionJob& job = *store_.Jobs[0];
+      EXPECT_EQ(c.fault == kHandOffFails, job.DeletePage);
+      EXPECT_EQ(c.fault == kHandOffFails, !job.PagePath.IsEmpty());
+      EXPECT_EQ(portfolio, static_cast<bool>(job.Record));
+    }
   }
 }
-
-TEST_F(ConversionDriverTest, PrepareClearsTheStoreAndReadsTheSettingsAfresh) {
-  InstallConverter();
-  {
-    AddinSettings saved;
-    saved.CompressionLevel = 2;
-    saved.ConvertAttachments = false;
-    saved.SaveSettings();
-  }
-  store_.Portfolio = true;
-  store_.PortfolioUser = std::u16string_view(u"old");
-  (void)store_.NewJob();
-  settings_.HandoffMappingName = std::u16string_view(u"MRW:IEP:HTMLData");
-  const std::string output = Answer("one.pdf");
-
-  ConverterRequest request;
-  EXPECT_TRUE(driver_.PrepareConversion(u"One", request));
-  EXPECT_EQ(output, Utf8(request.OutputPath));
-  EXPECT_EQ(temp_.PathOf("module/") + Utf8(kConverterFileName), Utf8(request.ConverterPath));
-  EXPECT_TRUE(store_.Jobs.empty());
-  EXPECT_FALSE(store_.Portfolio);
-  EXPECT_TRUE(store_.PortfolioUser.IsEmpty());
-  EXPECT_EQ(2u, settings_.CompressionLevel);
-  EXPECT_FALSE(settings_.ConvertAttachments);
-  EXPECT_TRUE(settings_.HandoffMappingName.IsEmpty());
-}
-
-std::filesystem::perms Mode(const std::string& path) {
-  return std::filesystem::symlink_status(path).permissions();
-}
-constexpr auto kPrivateFile =
-    std::filesystem::perms::owner_read | std::filesystem::perms::owner_write;
-
-ComPtr<testing::TestAttachment> Attach(testing::TestMailItem& mail, std::u16string name,
-                                       std::string content, bool inlinePicture = false) {
-  auto attachment = MakeComObject<testing::TestAttachment>();
-  attachment->fileName = std::move(name);
-  attachment->content = std::move(content);
-  if (inlinePicture) {
-    attachment->contentId = u"image001.png@01DA";
-    attachment->flags = 4;
-  }
-  mail.attachments->items.push_back(attachment);
-  return attachment;
-}
-
-// The option string of the default settings, as the converter receives it, up to the hand-off.
-const std::vector<std::string> kDefaultArguments = {
-    "",    "",     "\\b",   "\\h",  "\\r", "\\iw", "1280", "\\ih", "800",  "\\ld",
-    "500", "\\is", "65540", "\\ic", "1",   "\\pw", "5953", "\\ph", "8419", "\\mt",
-    "0",   "\\mb", "0",     "\\ml", "0",   "\\mr", "0",    "\\bp"};
 
 TEST_F(ConversionDriverTest, PlainRunHandsPageAndRecordToAStartedConverter) {
-  InstallRecorder();
+  InstallConverter();
   const std::string output = Answer("Status.pdf");
   auto mail = MakeMail(u"Status");
   mail->picture = "png bytes";
-  Select({AsItem(mail)});
-  EXPECT_EQ(S_OK, RunReal(false));
+  Select(Items(mail));
+  EXPECT_EQ(S_OK, Run(false, true));
   EXPECT_EQ("", shown_);
 
   std::vector<std::string> expected = kDefaultArguments;
@@ -530,14 +439,15 @@ TEST_F(ConversionDriverTest, PlainRunHandsPageAndRecordToAStartedConverter) {
 
   ASSERT_EQ(1u, mail->saved.paths.size());
   const std::string page = Utf8(mail->saved.paths[0]);
-  const std::string stem = FileNameOf(page).substr(0, FileNameOf(page).size() - 5);
-  const std::string handoff = FileNameOf(Utf8(settings_.HandoffFilePath));
+  const std::string stem = fs::path(page).stem().string();
+  EXPECT_TRUE(stem.starts_with("mrwm_")) << stem;  // the export's own prefix
+  EXPECT_EQ(std::vector<LONG>{outlook::olHTML}, mail->saved.types);
   EXPECT_EQ((std::vector<std::string>{stem + ".html", stem + "_files", stem + "_files/image001.png",
-                                      handoff}),
+                                      FileNameOf(Utf8(settings_.HandoffFilePath))}),
             TempEntries());
   // The page, its pictures and the record with its passwords are the user's alone.
   EXPECT_EQ(kPrivateFile, Mode(page));
-  EXPECT_EQ(std::filesystem::perms::owner_all, Mode(temp_.PathOf("tmp/" + stem + "_files")));
+  EXPECT_EQ(fs::perms::owner_all, Mode(temp_.PathOf("tmp/" + stem + "_files")));
   EXPECT_EQ(kPrivateFile, Mode(temp_.PathOf("tmp/" + stem + "_files/image001.png")));
   EXPECT_EQ(kPrivateFile, Mode(Utf8(settings_.HandoffFilePath)));
   EXPECT_EQ(
@@ -564,15 +474,15 @@ TEST_F(ConversionDriverTest, ProtectedRunCarriesPasswordsAndRealAttachments) {
     saved.RunApp->RunPDFParams = std::u16string_view(u"--page 1 %f");
     saved.SaveSettings();
   }
-  InstallRecorder();
+  InstallConverter();
   const std::string output = Answer("Plans.pdf");
   auto mail = MakeMail(u"Plans");
   Attach(*mail, u"plan.txt", "first");
   Attach(*mail, u"image001.png", "inline", true);
   Attach(*mail, u"notes/q3.txt", "refused by the file system");
   Attach(*mail, u"plan.txt", "second");  // one name twice: the later file wins
-  Select({AsItem(mail)});
-  EXPECT_EQ(S_OK, RunReal(false));
+  Select(Items(mail));
+  EXPECT_EQ(S_OK, Run(false, true));
   EXPECT_EQ("", shown_);
   EXPECT_EQ(kDefaultArguments.size() + 1, testing::WaitForLines(ArgsFile()).size());
 
@@ -590,64 +500,51 @@ TEST_F(ConversionDriverTest, ProtectedRunCarriesPasswordsAndRealAttachments) {
   EXPECT_EQ(testing::Golden(testing::kSecurityGolden, texts), HandoffBytes());
 }
 
-TEST_F(ConversionDriverTest, PortfolioRecordNumbersEqualNamesAndShareAttachmentFiles) {
-  InstallRecorder();
+TEST_F(ConversionDriverTest, PortfolioRecordNumbersEqualNames) {
+  InstallConverter();
   const std::string output = Answer("Inbox.pdf");
   std::vector<ComPtr<testing::TestMailItem>> mails;
   for (int i = 0; i < 2; ++i) {
-    auto mail = MakeMail(u"Status", u"Ann Lee", u"ann.lee@example.org");
+    auto mail = MakeMail(u"Status");
     mail->to = u"Bob Stone";
     mail->receivedTime = 46000.5;
     mails.push_back(mail);
   }
-  Select({AsItem(mails[0]), AsItem(mails[1])});
-  EXPECT_EQ(S_OK, RunReal(true));
+  Select(Items(mails[0], mails[1]));
+  EXPECT_EQ(S_OK, Run(true, true));
   EXPECT_EQ("", shown_);
   EXPECT_EQ(kDefaultArguments.size() + 1, testing::WaitForLines(ArgsFile()).size());
-  const std::map<std::string, std::u16string> texts = {{"page1", mails[0]->saved.paths.at(0)},
-                                                       {"page2", mails[1]->saved.paths.at(0)},
-                                                       {"output", Wide(output)},
-                                                       {"user", u"ann.lee@example.org"},
-                                                       {"folder", u"Inbox"},
-                                                       {"name1", u"Status.pdf"},
-                                                       {"name2", u"Status(1).pdf"},
-                                                       {"from", u"Ann Lee<ann.lee@example.org>"},
-                                                       {"to", u"Bob Stone"},
-                                                       {"cc", u""},
-                                                       {"bcc", u""},
-                                                       {"subject", u"Status"},
-                                                       {"importance", u"1"},
-                                                       {"sensitivity", u"0"}};
+  std::map<std::string, std::u16string> texts = {
+      {"cc", u""},          {"bcc", u""},           {"importance", u"1"}, {"sensitivity", u"0"},
+      {"to", u"Bob Stone"}, {"subject", u"Status"}, {"folder", u"Inbox"}, {"name1", u"Status.pdf"}};
+  texts["name2"] = u"Status(1).pdf";
+  texts["user"] = u"ann.lee@example.org";
+  texts["from"] = u"Ann Lee<ann.lee@example.org>";
+  texts["output"] = Wide(output);
+  texts["page1"] = mails[0]->saved.paths.at(0);
+  texts["page2"] = mails[1]->saved.paths.at(0);
   EXPECT_EQ(testing::Golden(testing::kPortfolioGolden, texts), HandoffBytes());
 
-  // Attachments of one name in two mails: one file, its path in both jobs.
-  InstallRecorder();
-  Answer("Inbox.pdf");
-  for (auto& mail : mails) Attach(*mail, u"report.txt", "from " + Utf8(mail->subject));
-  Select({AsItem(mails[0]), AsItem(mails[1])});
-  EXPECT_EQ(S_OK, RunReal(true));
-  (void)testing::WaitForLines(ArgsFile());
-  const auto decoded = testing::HandoffReader::Decode(HandoffBytes());
-  ASSERT_TRUE(decoded.has_value());
-  ASSERT_EQ(2u, decoded->jobs.size());
-  const std::vector<std::u16string> shared = {Wide(temp_.PathOf("tmp/report.txt"))};
-  EXPECT_EQ(shared, decoded->jobs[0].attachments);
-  EXPECT_EQ(shared, decoded->jobs[1].attachments);
-
-  // A portfolio that found nothing to export still starts the converter, with no jobs.
-  InstallRecorder();
-  const std::string empty = Answer("Nothing.pdf");
-  Select({AsItem(MakeComObject<TestOtherItem>("contact"))});
-  EXPECT_EQ(S_OK, RunReal(true));
+  // A portfolio that found nothing to export still starts the converter, with no jobs, under
+  // the folder's name as proposed, unsanitised.
+  InstallConverter();
+  Answer("");
+  Select(Items(MakeComObject<TestOtherItem>("contact")));
+  world_.explorer->currentFolder = MakeComObject<testing::TestFolder>(u"Clients-2025");
+  EXPECT_EQ(S_OK, Run(true, true));
+  EXPECT_EQ(0u, Pending());
   EXPECT_EQ(kDefaultArguments.size() + 1, testing::WaitForLines(ArgsFile()).size());
-  EXPECT_EQ(testing::Golden(
-                testing::kEmptyPortfolioGolden,
-                {{"output", Wide(empty)}, {"user", u"ann.lee@example.org"}, {"folder", u"Inbox"}}),
+  const auto none = testing::HandoffReader::Decode(HandoffBytes());
+  ASSERT_TRUE(none.has_value());
+  EXPECT_EQ("Clients-2025.pdf", FileNameOf(Utf8(none->portfolioOutput)));
+  EXPECT_EQ(testing::Golden(testing::kEmptyPortfolioGolden, {{"output", none->portfolioOutput},
+                                                             {"user", u"ann.lee@example.org"},
+                                                             {"folder", u"Clients-2025"}}),
             HandoffBytes());
 }
 
 TEST_F(ConversionDriverTest, FailedStartTakesEveryTemporaryFileAlong) {
-  InstallRecorder(/*runnable=*/false);
+  InstallConverter(/*runnable=*/false);
   Answer("one.pdf");
   Answer("two.pdf");
   auto first = MakeMail(u"One");
@@ -655,86 +552,62 @@ TEST_F(ConversionDriverTest, FailedStartTakesEveryTemporaryFileAlong) {
   Attach(*first, u"a.txt", "a");
   Attach(*first, u"b.txt", "b");
   auto second = MakeMail(u"Two");
-  Select({AsItem(first), AsItem(second)});
+  Select(Items(first, second));
   // No message, and the run goes on to the next mail.
-  EXPECT_EQ(S_OK, RunReal(false));
+  EXPECT_EQ(S_OK, Run(false, true));
   EXPECT_EQ("", shown_);
   EXPECT_EQ(1u, second->saved.paths.size());
   EXPECT_TRUE(settings_.HandoffFilePath.IsEmpty());
   EXPECT_EQ(std::vector<std::string>{}, TempEntries());
-  EXPECT_FALSE(std::filesystem::exists(ArgsFile()));
+  EXPECT_FALSE(fs::exists(ArgsFile()));
 }
 
 TEST_F(ConversionDriverTest, AttachmentsAreSavedOnlyWhenRealAndAsked) {
-  struct Case {
+  const struct {
     const char* name;
     bool convertAttachments;
-    std::vector<std::pair<std::u16string, bool>> attachments;  // name, inline picture
-    const char* failing;
+    const char* attachments;  // names; "*" marks an inline picture
+    const char* failing;      // fails on its first call only
     bool deleteAttachments;
-    std::vector<std::string> saved;  // below the temporary folder
+    const char* saved;  // below the temporary folder
+  } cases[] = {
+      {"none", true, "", nullptr, false, ""},
+      {"only an inline picture", true, "*image001.png", nullptr, true, ""},
+      {"a text file and an inline picture", true, "a.txt *image001.png", nullptr, true, "a.txt"},
+      {"switched off", false, "a.txt", nullptr, false, ""},
+      {"a failing name is left out", true, "a.txt b.txt", "Attachment.FileName", true, "b.txt"},
+      {"a failing item is left out", true, "a.txt b.txt", "Attachments.Item", true, "b.txt"},
+      {"a failing save is left out", true, "a.txt b.txt", "Attachment.SaveAsFile", true, "b.txt"},
+      {"no count", true, "a.txt", "Attachments.Count", false, ""},
+      {"no collection", true, "a.txt", "MailItem.Attachments", false, ""},
   };
-  const Case cases[] = {
-      {"none", true, {}, nullptr, false, {}},
-      {"only an inline picture", true, {{u"image001.png", true}}, nullptr, true, {}},
-      {"a text file and an inline picture",
-       true,
-       {{u"a.txt", false}, {u"image001.png", true}},
-       nullptr,
-       true,
-       {"a.txt"}},
-      {"switched off", false, {{u"a.txt", false}}, nullptr, false, {}},
-      {"a failing name is left out",
-       true,
-       {{u"a.txt", false}, {u"b.txt", false}},
-       "Attachment.FileName",
-       true,
-       {"b.txt"}},
-      {"a failing item is left out",
-       true,
-       {{u"a.txt", false}, {u"b.txt", false}},
-       "Attachments.Item",
-       true,
-       {"b.txt"}},
-      {"a failing save is left out",
-       true,
-       {{u"a.txt", false}, {u"b.txt", false}},
-       "Attachment.SaveAsFile",
-       true,
-       {"b.txt"}},
-      {"no count", true, {{u"a.txt", false}}, "Attachments.Count", false, {}},
-      {"no collection", true, {{u"a.txt", false}}, "MailItem.Attachments", false, {}},
-  };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    Faults().Reset();
-    store_.Clear();
-    for (const auto& entry : std::filesystem::directory_iterator(temp_.path() / "tmp")) {
-      std::filesystem::remove_all(entry.path());
-    }
+    Reset();
+    for (const auto& entry : fs::directory_iterator(temp_.path() / "tmp")) fs::remove_all(entry);
     settings_.ConvertAttachments = c.convertAttachments;
     auto mail = MakeMail(u"Mail");
-    for (const auto& [name, isInline] : c.attachments) Attach(*mail, name, "x", isInline);
-    if (c.failing != nullptr) Faults().Fail(c.failing, E_FAIL, 0, 1);  // the first call only
+    std::istringstream names(c.attachments);
+    for (std::string name; names >> name;) {
+      Attach(*mail, Wide(name.substr(name[0] == '*' ? 1 : 0)), "x", name[0] == '*');
+    }
+    if (c.failing != nullptr) Faults().Fail(c.failing, E_FAIL, 0, 1);
 
     ConverterRequest request;
     request.OutputPath = std::u16string_view(u"/out/mail.pdf");
-    const auto wrapper = MakeWrapper(AsItem(mail).get());
-    ConversionDriver real(application_, settings_, store_);
-    ASSERT_TRUE(real.ExportItem(*wrapper, request));
+    ASSERT_TRUE(driver_.ExportItem(*MakeWrapper(AsItem(mail).get()), request));
     ASSERT_EQ(1u, store_.Jobs.size());
     const ConversionJob& job = *store_.Jobs[0];
     EXPECT_EQ(c.deleteAttachments, job.DeleteAttachments);
-    std::vector<std::string> saved;
+    EXPECT_EQ(u"/out/mail.pdf", job.OutputPath.view());
+    std::string saved;
     for (const WideString& path : job.Attachments) {
-      EXPECT_TRUE(std::filesystem::exists(Utf8(path)));
-      saved.push_back(std::filesystem::relative(Utf8(path), temp_.path() / "tmp").string());
+      EXPECT_TRUE(fs::exists(Utf8(path)));
+      saved += (saved.empty() ? "" : " ") + fs::relative(Utf8(path), temp_.path() / "tmp").string();
     }
     EXPECT_EQ(c.saved, saved);
-    EXPECT_EQ(u"/out/mail.pdf", job.OutputPath.view());
-    if (!c.convertAttachments) {
-      EXPECT_EQ(0, Faults().CountOf("Attachments.Count"));  // not even counted
-    }
+    // Switched off, the attachments are not even counted.
+    EXPECT_TRUE(c.convertAttachments || Faults().CountOf("Attachments.Count") == 0);
   }
 }
 

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <initializer_list>
 #include <map>
 #include <optional>
 #include <sstream>
@@ -24,37 +25,31 @@ inline std::string Golden(std::string_view layout,
                           const std::map<std::string, std::u16string>& texts = {}) {
   std::string out;
   std::vector<std::size_t> sizeAt;
-  auto u32 = [&out](std::uint32_t v) {
-    for (int i = 0; i < 4; ++i) out.push_back(static_cast<char>(v >> (8 * i)));
+  const auto put = [&out](std::uint32_t value, int bytes) {
+    for (int i = 0; i < bytes; ++i) out.push_back(static_cast<char>(value >> (8 * i)));
   };
   std::istringstream in{std::string(layout)};
   for (std::string token; in >> token;) {
+    const auto text = texts.find(token.substr(1, token.size() - 2));
     if (token == "{size}") {
       sizeAt.push_back(out.size());
-      u32(0);
+      put(0, 4);
+    } else if (token.front() == '{' && text == texts.end()) {
+      ADD_FAILURE() << "golden text " << token << " not given";
     } else if (token.front() == '{') {
-      const auto text = texts.find(token.substr(1, token.size() - 2));
-      if (text == texts.end()) {
-        ADD_FAILURE() << "golden text " << token << " not given";
-        continue;
-      }
-      u32(static_cast<std::uint32_t>(text->second.size()));
-      for (char16_t unit : text->second) {
-        out.push_back(static_cast<char>(unit & 0xFF));
-        out.push_back(static_cast<char>(unit >> 8));
-      }
+      put(static_cast<std::uint32_t>(text->second.size()), 4);
+      for (char16_t unit : text->second) put(unit, 2);
     } else if (token.front() == '"') {
       out += token.substr(1, token.size() - 2);
     } else {
       if (token.size() % 2 != 0) ADD_FAILURE() << "odd hex token " << token;
       for (std::size_t i = 0; i + 1 < token.size(); i += 2) {
-        out.push_back(static_cast<char>(std::stoi(token.substr(i, 2), nullptr, 16)));
+        put(static_cast<std::uint32_t>(std::stoul(token.substr(i, 2), nullptr, 16)), 1);
       }
     }
   }
   for (std::size_t at : sizeAt) {
-    const auto size = static_cast<std::uint32_t>(out.size());
-    for (int i = 0; i < 4; ++i) out[at + i] = static_cast<char>(size >> (8 * i));
+    for (int i = 0; i < 4; ++i) out[at + i] = static_cast<char>(out.size() >> (8 * i));
   }
   return out;
 }
@@ -163,7 +158,7 @@ class HandoffReader {
     HandoffReader r(bytes);
     DecodedHandoff d;
     d.totalSize = r.U32();
-    d.version = r.U8();
+    d.version = static_cast<std::uint8_t>(r.Number(1));
     if (r.Flag()) {
       DecodedSecurity& s = d.security.emplace();
       s.hasUserPassword = r.Flag();
@@ -171,12 +166,10 @@ class HandoffReader {
       s.userPassword = r.Coded();
       s.ownerPassword = r.Coded();
       s.type = r.U32();
-      s.allowPrinting40 = r.Flag();
-      s.allowChanging40 = r.Flag();
-      s.allowCopying40 = r.Flag();
-      s.allowComments40 = r.Flag();
-      s.contentAccess128 = r.Flag();
-      s.allowCopying128 = r.Flag();
+      for (bool* flag : {&s.allowPrinting40, &s.allowChanging40, &s.allowCopying40,
+                         &s.allowComments40, &s.contentAccess128, &s.allowCopying128}) {
+        *flag = r.Flag();
+      }
       s.changes128 = r.U32();
       s.printing128 = r.U32();
       s.encryptMeta128 = r.Flag();
@@ -186,33 +179,22 @@ class HandoffReader {
     d.reserved2 = r.Flag();
     if (d.reserved1 || d.reserved2) d.reservedText = r.Text();
     d.reserved3 = r.Flag();
-    d.reservedNumber = r.U32();
-    d.reservedNumber |= std::uint64_t{r.U32()} << 32;
+    d.reservedNumber = r.Number(8);
     d.portfolio = r.Flag();
-    if (d.portfolio) {
-      d.portfolioOutput = r.Text();
-      d.portfolioUser = r.Text();
-      d.portfolioFolder = r.Text();
-    }
+    if (d.portfolio) r.Texts({&d.portfolioOutput, &d.portfolioUser, &d.portfolioFolder});
     const std::uint32_t jobs = r.U32();
     for (std::uint32_t i = 0; i < jobs && r.ok_; ++i) {
       DecodedJob& job = d.jobs.emplace_back();
-      job.page = r.Text();
-      job.reserved1 = r.Text();
-      job.reserved2 = r.Text();
-      job.output = r.Text();
+      r.Texts({&job.page, &job.reserved1, &job.reserved2, &job.output});
       const std::uint32_t attachments = r.U32();
       for (std::uint32_t a = 0; a < attachments && r.ok_; ++a) job.attachments.push_back(r.Text());
       job.deletePage = r.Flag();
       job.deleteAttachments = r.Flag();
       if (r.Flag()) {
         DecodedMail& m = job.mail.emplace();
-        for (std::u16string* field : {&m.fileName, &m.reserved1, &m.from, &m.to, &m.cc, &m.bcc,
-                                      &m.subject, &m.reserved2, &m.importance, &m.sensitivity}) {
-          *field = r.Text();
-        }
-        std::uint64_t bits = r.U32();
-        bits |= std::uint64_t{r.U32()} << 32;
+        r.Texts({&m.fileName, &m.reserved1, &m.from, &m.to, &m.cc, &m.bcc, &m.subject, &m.reserved2,
+                 &m.importance, &m.sensitivity});
+        const std::uint64_t bits = r.Number(8);
         std::memcpy(&m.receivedTime, &bits, sizeof bits);
       }
     }
@@ -232,31 +214,27 @@ class HandoffReader {
     at_ += count;
     return part;
   }
-  std::uint8_t U8() {
-    const std::string_view b = Take(1);
-    return b.empty() ? 0 : static_cast<std::uint8_t>(b[0]);
+  // A little-endian number of `size` bytes.
+  std::uint64_t Number(std::size_t size) {
+    const std::string_view b = Take(size);
+    std::uint64_t value = 0;
+    for (std::size_t i = b.size(); i-- > 0;) value = value << 8 | static_cast<unsigned char>(b[i]);
+    return value;
   }
+  std::uint32_t U32() { return static_cast<std::uint32_t>(Number(4)); }
   bool Flag() {
-    const std::uint8_t value = U8();
+    const std::uint64_t value = Number(1);
     if (value > 1) ok_ = false;
     return value == 1;
   }
-  std::uint32_t U32() {
-    const std::string_view b = Take(4);
-    std::uint32_t value = 0;
-    for (std::size_t i = 0; i < b.size(); ++i) {
-      value |= std::uint32_t{static_cast<unsigned char>(b[i])} << (8 * i);
-    }
-    return value;
-  }
   std::u16string Text() {
-    const std::string_view b = Take(std::size_t{U32()} * 2);
     std::u16string text;
-    for (std::size_t i = 0; i + 1 < b.size(); i += 2) {
-      text.push_back(static_cast<char16_t>(static_cast<unsigned char>(b[i]) |
-                                           static_cast<unsigned char>(b[i + 1]) << 8));
-    }
+    for (std::uint32_t i = U32(); i > 0 && ok_; --i)
+      text.push_back(static_cast<char16_t>(Number(2)));
     return text;
+  }
+  void Texts(std::initializer_list<std::u16string*> fields) {
+    for (std::u16string* field : fields) *field = Text();
   }
   std::string Coded() { return std::string(Take(U32())); }
 

@@ -3,15 +3,15 @@
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <regex>
+#include <sstream>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-#include "conversion/handoff_test_support.h"
 #include "foundation/format.h"
 #include "foundation/paths.h"
 #include "platform/kernel.h"
@@ -24,7 +24,6 @@ namespace {
 namespace fs = std::filesystem;
 
 std::string Utf8(std::u16string_view text) { return platform::Utf16ToUtf8(text); }
-std::u16string Wide(const fs::path& path) { return platform::Utf8ToUtf16(path.string()); }
 fs::perms Mode(const fs::path& path) { return fs::symlink_status(path).permissions(); }
 
 // Points the temporary folder of the process at `folder` for a scope; an empty one can't be told.
@@ -49,24 +48,19 @@ class ScopedTempFolder {
 
 TEST(MakeUniqueTempName, NamesAFreshFileInTheTemporaryFolder) {
   testing::TempFolder temp;
-  const std::string folder = temp.PathOf("");
   WideString first;
   {
     ScopedTempFolder scoped(temp.WidePathOf(""));
     ASSERT_TRUE(MakeUniqueTempName(u"mrwm_", u"html", first));
-    const std::string name = Utf8(first);
-    ASSERT_EQ(0u, name.rfind(folder, 0));
-    const std::string leaf = name.substr(folder.size());
+    const std::string name = Utf8(first), leaf = name.substr(temp.PathOf("").size());
+    ASSERT_EQ(temp.PathOf(leaf), name);
     EXPECT_TRUE(std::regex_match(leaf, std::regex("mrwm_[0-9a-f]+\\.html"))) << leaf;
     EXPECT_FALSE(temp.Exists(leaf));
-
-    // A taken name is passed over.
-    temp.Write(leaf, "taken");
+    temp.Write(leaf, "taken");  // a taken name is passed over
     WideString second;
     ASSERT_TRUE(MakeUniqueTempName(u"mrwm_", u"html", second));
     EXPECT_NE(name, Utf8(second));
   }
-
   ScopedTempFolder none(u"");
   EXPECT_FALSE(MakeUniqueTempName(u"mrwm_", u"html", first));
   EXPECT_TRUE(first.IsEmpty());
@@ -112,9 +106,7 @@ TEST(WriteHandoffFile, WritesTheRecordToAPrivateNewFile) {
   store.Security = SecuritySettings::Create();
   store.Security->secEnabled = true;
   store.Security->secOwnerPassword = std::u16string_view(u"owner");
-  ConversionJob& job = *store.NewJob();
-  job.PagePath = std::u16string_view(u"/tmp/page.html");
-
+  store.NewJob()->PagePath = std::u16string_view(u"/tmp/page.html");
   WideString path;
   {
     ScopedTempFolder scoped(temp.WidePathOf(""));
@@ -129,9 +121,6 @@ TEST(WriteHandoffFile, WritesTheRecordToAPrivateNewFile) {
   ASSERT_EQ(kOk, expected.Open(0, 0));
   ASSERT_TRUE(store.SerializeStore(expected));
   EXPECT_EQ(std::string(static_cast<const char*>(expected.GetData()), expected.GetSize()), bytes);
-  const auto decoded = testing::HandoffReader::Decode(bytes);
-  ASSERT_TRUE(decoded.has_value());
-  EXPECT_EQ(bytes.size(), decoded->totalSize);
 
   // A temporary folder that can't hold files: nothing written, nothing named.
   temp.Write("blocked", "a file where the folder should be");
@@ -142,14 +131,33 @@ TEST(WriteHandoffFile, WritesTheRecordToAPrivateNewFile) {
 
 class DeleteTreeTest : public ::testing::Test {
  protected:
-  fs::path Make(const std::string& name, bool readOnly = false) {
-    temp_.Write(name, "x");
-    const fs::path path = temp_.path() / name;
-    if (readOnly) fs::permissions(path, fs::perms::owner_read);
-    return path;
+  // Makes each file of the space-separated list (a "@" in the name makes it read-only) or, with
+  // a final "/", folder.
+  void Make(const std::string& names) {
+    std::istringstream in(names);
+    for (std::string name; in >> name;) {
+      const std::size_t at = name.find('@');
+      if (at != std::string::npos) name.erase(at, 1);
+      if (name.back() == '/') {
+        fs::create_directories(temp_.path() / name);
+        continue;
+      }
+      temp_.Write(name, "x");
+      if (at != std::string::npos) fs::permissions(temp_.path() / name, fs::perms::owner_read);
+    }
   }
-  DWORD Delete(const fs::path& path, bool recursive) {
-    return DeleteTree(Wide(path).c_str(), recursive);
+  std::u16string PathOf(const std::string& name) const { return temp_.WidePathOf(name); }
+  // What the test folder holds, sorted and space-separated; the folder is emptied.
+  std::string TakeListing() {
+    std::vector<std::string> names;
+    for (const auto& entry : fs::recursive_directory_iterator(temp_.path())) {
+      names.push_back(fs::relative(entry.path(), temp_.path()).string());
+    }
+    for (const auto& entry : fs::directory_iterator(temp_.path())) fs::remove_all(entry.path());
+    std::sort(names.begin(), names.end());
+    std::string listing;
+    for (const std::string& name : names) listing += (listing.empty() ? "" : " ") + name;
+    return listing;
   }
 
   testing::TempFolder temp_;
@@ -157,185 +165,114 @@ class DeleteTreeTest : public ::testing::Test {
 
 TEST_F(DeleteTreeTest, FilesGoAndWhatStaysKeepsTheFolder) {
   struct Case {
-    const char* name;
-    std::vector<std::string> files;  // below "tree/"; a trailing "/" makes an empty folder
+    const char* files;
     bool recursive;
     DWORD result;
-    std::vector<std::string> left;  // below the test folder afterwards
-  };
-  const Case cases[] = {
-      {"read-only file", {"a.png", "@ro.png"}, false, 0, {}},
-      {"subfolder, recursive", {"a.png", "sub/b.png", "sub/deeper/"}, true, 0, {}},
-      {"subfolder, not recursive: no failure",
-       {"a.png", "sub/b.png"},
-       false,
-       0,
-       {"tree", "tree/sub", "tree/sub/b.png"}},
-      {"a leading point keeps the entry and the folder",
-       {"a.png", ".hidden", "..odd"},
-       true,
-       ERROR_DIR_NOT_EMPTY,
-       {"tree", "tree/..odd", "tree/.hidden"}},
-      {"empty folder", {}, false, 0, {}},
+    const char* left;
+  } const cases[] = {
+      {"tree/a.png tree/@ro.png", false, 0, ""},
+      {"tree/a.png tree/sub/b.png tree/sub/deeper/", true, 0, ""},
+      // Without recursion a subfolder keeps the folder, yet counts as no failure.
+      {"tree/a.png tree/sub/b.png", false, 0, "tree tree/sub tree/sub/b.png"},
+      {"tree/a.png tree/.hidden tree/..odd", true, ERROR_DIR_NOT_EMPTY,
+       "tree tree/..odd tree/.hidden"},
+      {"tree/", false, 0, ""},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    fs::create_directories(temp_.path() / "tree");
-    for (std::string file : c.files) {
-      const std::size_t at = file.find('@');
-      const bool readOnly = at != std::string::npos;
-      if (readOnly) file.erase(at, 1);
-      if (file.back() == '/') {
-        fs::create_directories(temp_.path() / "tree" / file);
-      } else {
-        Make("tree/" + file, readOnly);
-      }
-    }
-    EXPECT_EQ(c.result, Delete(temp_.path() / "tree", c.recursive));
-    std::vector<std::string> left;
-    for (const auto& entry : fs::recursive_directory_iterator(temp_.path())) {
-      left.push_back(fs::relative(entry.path(), temp_.path()).string());
-    }
-    std::sort(left.begin(), left.end());
-    EXPECT_EQ(c.left, left);
-    fs::remove_all(temp_.path() / "tree");
+    SCOPED_TRACE(c.files);
+    Make(c.files);
+    EXPECT_EQ(c.result, DeleteTree(PathOf("tree").c_str(), c.recursive));
+    EXPECT_EQ(c.left, TakeListing());
   }
-  EXPECT_EQ(0u, Delete(temp_.path() / "missing", true));
+  EXPECT_EQ(0u, DeleteTree(PathOf("missing").c_str(), true));
   EXPECT_EQ(0u, DeleteTree(u"", true));
 }
 
 TEST_F(DeleteTreeTest, LinksAreRemovedAndNeverFollowed) {
-  const fs::path outside = Make("outside/keep.txt").parent_path();
-  fs::permissions(temp_.path() / "outside/keep.txt", fs::perms::owner_read);
-  fs::create_directories(temp_.path() / "tree");
+  Make("outside/@keep.txt tree/");
+  const fs::path outside = temp_.path() / "outside";
   fs::create_directory_symlink(outside, temp_.path() / "tree/folder-link");
   fs::create_symlink(outside / "keep.txt", temp_.path() / "tree/file-link");
-  EXPECT_EQ(0u, Delete(temp_.path() / "tree", true));
-  EXPECT_FALSE(fs::exists(temp_.path() / "tree"));
-  EXPECT_TRUE(fs::exists(outside / "keep.txt"));
-  EXPECT_EQ(fs::perms::owner_read, Mode(outside / "keep.txt"));  // no attribute reset through it
-
   // A link standing where the folder should be goes itself.
   fs::create_directory_symlink(outside, temp_.path() / "page_files");
-  EXPECT_EQ(0u, Delete(temp_.path() / "page_files", true));
-  EXPECT_FALSE(fs::exists(fs::symlink_status(temp_.path() / "page_files")));
-  EXPECT_TRUE(fs::exists(outside / "keep.txt"));
+  EXPECT_EQ(0u, DeleteTree(PathOf("tree").c_str(), true));
+  EXPECT_EQ(0u, DeleteTree(PathOf("page_files").c_str(), true));
+  EXPECT_EQ(fs::perms::owner_read, Mode(outside / "keep.txt"));  // no attribute reset through it
+  EXPECT_EQ("outside outside/keep.txt", TakeListing());
 }
 
 TEST_F(DeleteTreeTest, ExportedPagesGoWithOneCompanionFolder) {
-  struct Case {
-    const char* name;
-    std::string page;                // made, and then deleted by its path
-    std::vector<std::string> extra;  // made beside it
-    std::vector<std::string> left;
+  // The page is made read-only and deleted by its path; the other files stand beside it.
+  const std::tuple<std::string, const char*, const char*> cases[] = {
+      {"p.html", "p_files/@image.png", ""},
+      {"p.html", "p.files/image.png", ""},
+      {"p.html", "p_files/image.png p.files/image.png", "p.files p.files/image.png"},
+      // A ".html" in a folder name is not the page's.
+      {"x.html.d/p.html", "x.html.d/p_files/image.png",
+       "x.html.d x.html.d/p_files x.html.d/p_files/image.png"},
+      {"p.html", "p.txt", "p.txt"},
   };
-  const Case cases[] = {
-      {"underscore folder", "mrwm_1.html", {"mrwm_1_files/@image001.png"}, {}},
-      {"point folder", "mrwm_1.html", {"mrwm_1.files/image001.png"}, {}},
-      {"both: the second stays",
-       "mrwm_1.html",
-       {"mrwm_1_files/image001.png", "mrwm_1.files/image001.png"},
-       {"mrwm_1.files", "mrwm_1.files/image001.png"}},
-      {"'.html' in a folder name points elsewhere",
-       "x.html.d/mrwm_1.html",
-       {"x.html.d/mrwm_1_files/image001.png"},
-       {"x.html.d", "x.html.d/mrwm_1_files", "x.html.d/mrwm_1_files/image001.png"}},
-      {"no companion folder", "mrwm_1.html", {"mrwm_1.txt"}, {"mrwm_1.txt"}},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    Make(c.page, true);
-    for (std::string file : c.extra) {
-      const std::size_t at = file.find('@');
-      const bool readOnly = at != std::string::npos;
-      if (readOnly) file.erase(at, 1);
-      Make(file, readOnly);
-    }
-    DeleteExportedPage(Wide(temp_.path() / c.page));
-    std::vector<std::string> left;
-    for (const auto& entry : fs::recursive_directory_iterator(temp_.path())) {
-      left.push_back(fs::relative(entry.path(), temp_.path()).string());
-    }
-    std::sort(left.begin(), left.end());
-    EXPECT_EQ(c.left, left);
-    for (const auto& entry : fs::directory_iterator(temp_.path())) fs::remove_all(entry.path());
+  for (const auto& [page, others, left] : cases) {
+    SCOPED_TRACE(others);
+    Make("@" + page + " " + others);
+    DeleteExportedPage(PathOf(page));
+    EXPECT_EQ(left, TakeListing());
   }
 }
 
 TEST_F(DeleteTreeTest, JobFilesGoByTheirFlags) {
   JobList jobs;
-  for (const bool flags : {true, false}) {
+  for (const std::string n : {"1", "2"}) {
+    Make("mrwm_" + n + ".html mrwm_" + n + "_files/image001.png @a" + n + ".txt");
     auto& job = jobs.emplace_back(std::make_unique<ConversionJob>());
-    const std::string n = flags ? "1" : "2";
-    job->PagePath = Wide(Make("mrwm_" + n + ".html"));
-    Make("mrwm_" + n + "_files/image001.png");
-    job->Attachments = {WideString(Wide(Make("a" + n + ".txt", true))),
-                        WideString(Wide(temp_.path() / "gone.txt"))};
-    job->DeletePage = flags;
-    job->DeleteAttachments = flags;
+    job->PagePath = PathOf("mrwm_" + n + ".html");
+    job->Attachments = {WideString(PathOf("a" + n + ".txt")), WideString(PathOf("gone.txt"))};
+    job->DeletePage = job->DeleteAttachments = n == "1";
   }
   DeleteJobFiles(jobs);
-  std::vector<std::string> left;
-  for (const auto& entry : fs::recursive_directory_iterator(temp_.path())) {
-    left.push_back(fs::relative(entry.path(), temp_.path()).string());
-  }
-  std::sort(left.begin(), left.end());
-  EXPECT_EQ((std::vector<std::string>{"a2.txt", "mrwm_2.html", "mrwm_2_files",
-                                      "mrwm_2_files/image001.png"}),
-            left);
+  EXPECT_EQ("a2.txt mrwm_2.html mrwm_2_files mrwm_2_files/image001.png", TakeListing());
 }
 
 TEST_F(DeleteTreeTest, ExportedPagesAreMadePrivate) {
-  const fs::path page = Make("mrwm_1.html");
-  const fs::path image = Make("mrwm_1_files/image001.png");
-  fs::permissions(page.parent_path() / "mrwm_1_files", fs::perms::all);
-  fs::permissions(image, fs::perms::all);
-  RestrictExportedPage(Wide(page));
+  Make("mrwm_1.html mrwm_1_files/image001.png");
+  for (const char* name : {"mrwm_1.html", "mrwm_1_files", "mrwm_1_files/image001.png"}) {
+    fs::permissions(temp_.path() / name, fs::perms::all);
+  }
+  RestrictExportedPage(PathOf("mrwm_1.html"));
   const auto file = fs::perms::owner_read | fs::perms::owner_write;
-  EXPECT_EQ(file, Mode(page));
+  EXPECT_EQ(file, Mode(temp_.path() / "mrwm_1.html"));
   EXPECT_EQ(fs::perms::owner_all, Mode(temp_.path() / "mrwm_1_files"));
-  EXPECT_EQ(file, Mode(image));
+  EXPECT_EQ(file, Mode(temp_.path() / "mrwm_1_files/image001.png"));
 }
 
 TEST(MakeAttachmentNamesUnique, LaterEqualNamesAreNumberedBeforeTheirPoint) {
-  struct Case {
-    const char* name;
-    std::vector<const char16_t*> before;  // null: a job without a record
-    std::vector<const char16_t*> after;
+  // Names of the jobs in order, "|" between them; "*" stands for a job without a record.
+  const std::pair<const char*, const char*> cases[] = {
+      {"A.pdf|A.pdf|A.pdf", "A.pdf|A(1).pdf|A(2).pdf"},
+      {"Status.pdf|STATUS.PDF", "Status.pdf|STATUS(1).PDF"},   // case is not looked at
+      {"v1.2.pdf|v1.2.pdf", "v1.2.pdf|v1.2(1).pdf"},           // the last point counts
+      {"a.pdf|a.pdf|a(1).pdf", "a.pdf|a(1).pdf|a(1)(1).pdf"},  // a made name meets an original
+      {"a.pdf|a.pdfx|ab.pdf", "a.pdf|a.pdfx|ab.pdf"},          // prefixes are not equal
+      {"a.pdf|*|a.pdf", "a.pdf|*|a(1).pdf"},
+      {"||", "|(1)|(2)"},
+      {"readme|readme", "readme|readme(1)"},
   };
-  const Case cases[] = {
-      {"three of one name", {u"A.pdf", u"A.pdf", u"A.pdf"}, {u"A.pdf", u"A(1).pdf", u"A(2).pdf"}},
-      {"case is not looked at", {u"Status.pdf", u"STATUS.PDF"}, {u"Status.pdf", u"STATUS(1).PDF"}},
-      {"the last point counts", {u"v1.2.pdf", u"v1.2.pdf"}, {u"v1.2.pdf", u"v1.2(1).pdf"}},
-      {"a made name meets a later original",
-       {u"a.pdf", u"a.pdf", u"a(1).pdf"},
-       {u"a.pdf", u"a(1).pdf", u"a(1)(1).pdf"}},
-      {"prefixes are not equal",
-       {u"a.pdf", u"a.pdfx", u"ab.pdf"},
-       {u"a.pdf", u"a.pdfx", u"ab.pdf"}},
-      {"jobs without a record are passed over",
-       {u"a.pdf", nullptr, u"a.pdf"},
-       {u"a.pdf", nullptr, u"a(1).pdf"}},
-      {"empty names", {u"", u"", u""}, {u"", u"(1)", u"(2)"}},
-      {"no point", {u"readme", u"readme"}, {u"readme", u"readme(1)"}},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
+  for (const auto& [before, after] : cases) {
+    SCOPED_TRACE(before);
     JobList jobs;
-    for (const char16_t* name : c.before) {
+    std::istringstream in(std::string(before) + "|");
+    for (std::string name; std::getline(in, name, '|');) {
       auto& job = jobs.emplace_back(std::make_unique<ConversionJob>());
-      if (name == nullptr) continue;
+      if (name == "*") continue;
       job->Record = MailRecord::TryCreate();
-      job->Record->FileName = std::u16string_view(name);
+      job->Record->FileName = std::u16string_view(platform::Utf8ToUtf16(name));
     }
     MakeAttachmentNamesUnique(jobs);
+    std::string names;
     for (std::size_t i = 0; i < jobs.size(); ++i) {
-      if (c.after[i] == nullptr) {
-        EXPECT_FALSE(jobs[i]->Record);
-      } else {
-        EXPECT_EQ(Utf8(c.after[i]), Utf8(jobs[i]->Record->FileName)) << "job " << i;
-      }
+      names += (i == 0 ? "" : "|") + (jobs[i]->Record ? Utf8(jobs[i]->Record->FileName) : "*");
     }
+    EXPECT_EQ(after, names);
   }
 }
 

@@ -1,6 +1,5 @@
 #include "foundation/result_codes.h"
 
-#include <algorithm>
 #include <cstdint>
 #include <string>
 #include <thread>
@@ -26,6 +25,10 @@ std::u16string Text(std::uint32_t code, int kind) {
   return buffer;
 }
 
+std::uint32_t Code(std::uint32_t domain, std::uint32_t number) {
+  return static_cast<std::uint32_t>(MakeResultCode(2, domain, number));
+}
+
 // Domain numbers that nothing in the product uses; each test removes what it adds.
 constexpr std::uint32_t kTestDomain = 300;
 
@@ -46,115 +49,68 @@ class ErrorRegistryTest : public ::testing::Test {
 TEST(ErrorMessages, SentencesJoinSeverityDomainAndMessage) {
   struct Case {
     std::uint32_t code;
+    bool messageOnly;
     const char16_t* sentence;
   };
   const Case cases[] = {
-      {0x82020009, u"Error [IO subsystem]: Unsupported operation."},
-      {0x82181001, u"Error [AFSLib]: Invalid name."},
-      {0x82021001, u"Error [IO subsystem]: Unexpected error reading from file."},
-      {0x820D1003, u"Error [Frame buffer]: Error accessing temporary file."},
-      {0xC20103E8, u"Failure [Memory subsystem]: Insufficient memory."},
+      {0x82020009, false, u"Error [IO subsystem]: Unsupported operation."},
+      {0x82181001, false, u"Error [AFSLib]: Invalid name."},
+      {0x820D1003, false, u"Error [Frame buffer]: Error accessing temporary file."},
+      {0xC20103E8, false, u"Failure [Memory subsystem]: Insufficient memory."},
       // The row after the sorted part of the common table is still found.
-      {0x420004C7, u"Warning [Common]: The operation was canceled by the user."},
+      {0x420004C7, false, u"Warning [Common]: The operation was canceled by the user."},
       // A domain's own row comes before the common row of the same number.
-      {0x82180012, u"Error [AFSLib]: Finds no matching files."},
-      {0x8218001B, u"Error [AFSLib]: End of file data."},
-      {0x82020012, u"Error [IO subsystem]: Unclassified error."},
-      {0x82180009, u"Error [AFSLib]: Unsupported operation."},
-      {0x8218106A, u"Error [AFSLib]: Unsupported compression method."},
-      {0x821813E8,
-       u"Error [AFSLib]: File cache still in use by some opened files and cannot deleted."},
+      {0x82180012, false, u"Error [AFSLib]: Finds no matching files."},
       // System numbers prefer the system's wording; its CR LF goes and one point stays.
-      {0x83FF0002, u"Error [Operating system]: The system cannot find the file specified."},
-      {0x83FF04C7, u"Error [Operating system]: The operation was canceled by the user."},
+      {0x83FF0002, false, u"Error [Operating system]: The system cannot find the file specified."},
       // ...and fall back to the common row when the system has no text.
-      {0x83FF02BC, u"Error [Operating system]: Invalid structure."},
+      {0x83FF02BC, false, u"Error [Operating system]: Invalid structure."},
       // An own code in a domain nobody registered still reads the common table.
-      {0x82070001, u"Error [System]: Invalid argument."},
-      {0x80070005, u"Error [System]: Access is denied."},
-      {0x80004005, u"Error [Common]: Unspecified error."},
-      {0x8007ABCD, u"Error [System]: Unknown error: 0x8007ABCD."},
-      {0x0007ABCD, u"Success [System]: Unknown code: 0x0007ABCD."},
-      {0, u"Success"},
+      {0x82070001, false, u"Error [System]: Invalid argument."},
+      {0x80070005, false, u"Error [System]: Access is denied."},
+      {0x80004005, false, u"Error [Common]: Unspecified error."},
+      {0x8007ABCD, false, u"Error [System]: Unknown error: 0x8007ABCD."},
+      {0x0007ABCD, false, u"Success [System]: Unknown code: 0x0007ABCD."},
+      {0, false, u"Success"},
+      {0x82020009, true, u"Unsupported operation."},
+      {0x83FF0005, true, u"Access is denied."},
+      {0x8007ABCD, true, u"Unknown error: 0x8007ABCD."},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(testing::Message() << std::hex << c.code);
-    EXPECT_EQ(c.sentence, Sentence(c.code));
+    SCOPED_TRACE(::testing::Message() << std::hex << c.code << " " << c.messageOnly);
+    EXPECT_EQ(c.sentence, Sentence(c.code, c.messageOnly));
   }
 }
 
-TEST(ErrorMessages, MessageOnlyLeavesOutSeverityAndBrackets) {
-  EXPECT_EQ(u"Unsupported operation.", Sentence(0x82020009, true));
-  EXPECT_EQ(u"Access is denied.", Sentence(0x83FF0005, true));
-  EXPECT_EQ(u"Unknown error: 0x8007ABCD.", Sentence(0x8007ABCD, true));
-}
-
-TEST(ErrorMessages, EveryHttpStatusHasItsRow) {
-  struct Row {
-    int status;
-    const char* phrase;
-  };
-  const Row rows[] = {
-      {300, "Redirection"},
-      {301, "Moved Permanently"},
-      {302, "Moved Temporarily"},
-      {303, "Found"},
-      {304, "See Other"},
-      {305, "Not Modified"},
-      {307, "Temporary Redirect"},
-      {400, "Bad Request"},
-      {401, "Unauthorized"},
-      {402, "Payment Required"},
-      {403, "Forbidden"},
-      {404, "Not Found"},
-      {405, "Method Not Allowed"},
-      {406, "Not Acceptable"},
-      {407, "Proxy Authentication Required"},
-      {408, "Request Timeout"},
-      {409, "Conflict"},
-      {410, "Gone"},
-      {411, "Length Required"},
-      {412, "Precondition Failed"},
-      {413, "Request Entity Too Large"},
-      {414, "Request-URI Too Large"},
-      {415, "Unsupported Media Type"},
-      {449, "Retry With"},
-      {500, "Internal Server Error"},
-      {501, "Not Implemented"},
-      {502, "Bad Gateway"},
-      {503, "Service Unavailable"},
-      {504, "Gateway Timeout"},
-      {505, "HTTP Version Not Supported"},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.status);
-    const auto code =
-        static_cast<std::uint32_t>(MakeResultCode(2, kDomainAfsLib, 0x1000 + row.status));
+TEST(ErrorMessages, HttpStatusesHaveTheirRows) {
+  // 303 to 305 are one row off the HTTP standard on purpose; nobody may "correct" them.
+  const std::pair<int, const char*> rows[] = {
+      {300, "Redirection"},        {303, "Found"},      {305, "Not Modified"},
+      {307, "Temporary Redirect"}, {449, "Retry With"}, {505, "HTTP Version Not Supported"}};
+  for (const auto& [status, phrase] : rows) {
+    SCOPED_TRACE(status);
     char buffer[128];
-    GetErrorText(static_cast<ResultCode>(code), kErrorTextMessage, buffer, sizeof buffer);
-    EXPECT_EQ("HTTP status codes (" + std::to_string(row.status) + "). " + row.phrase,
-              std::string(buffer));
+    GetErrorText(static_cast<ResultCode>(Code(kDomainAfsLib, 0x1000 + status)), kErrorTextMessage,
+                 buffer, sizeof buffer);
+    EXPECT_EQ("HTTP status codes (" + std::to_string(status) + "). " + phrase, buffer);
   }
   // Statuses that the table leaves out are not invented.
   EXPECT_EQ(u"Error [AFSLib]: Unknown error: 0x82181132.", Sentence(0x82181132));
 }
 
-TEST(ErrorMessages, KindsGiveSeverityDomainAndMessage) {
-  EXPECT_EQ(u"Success", Text(0x00020009, kErrorTextSeverity));
-  EXPECT_EQ(u"Warning", Text(0x42020009, kErrorTextSeverity));
-  EXPECT_EQ(u"Error", Text(0x82020009, kErrorTextSeverity));
-  EXPECT_EQ(u"Failure", Text(0xC2020009, kErrorTextSeverity));
+TEST(ErrorMessages, KindsAndBufferSizes) {
+  const std::pair<std::uint32_t, const char16_t*> severities[] = {{0x00020009, u"Success"},
+                                                                  {0x42020009, u"Warning"},
+                                                                  {0x82020009, u"Error"},
+                                                                  {0xC2020009, u"Failure"}};
+  for (const auto& [code, word] : severities) EXPECT_EQ(word, Text(code, kErrorTextSeverity));
   EXPECT_EQ(u"IO subsystem", Text(0x82020009, kErrorTextDomain));
-  EXPECT_EQ(u"Operating system", Text(0x83FF0005, kErrorTextDomain));
   EXPECT_EQ(u"Access is denied.\r\n", Text(0x83FF0005, kErrorTextMessage));
   EXPECT_EQ(u"", Text(0x82020009, 3));
-}
 
-TEST(ErrorMessages, NullBufferGivesLengthAndSmallBufferCuts) {
   const auto code = static_cast<ResultCode>(0x82181001);  // "Invalid name"
   EXPECT_EQ(12u, GetErrorText(code, kErrorTextMessage, static_cast<char16_t*>(nullptr), 0));
   EXPECT_EQ(12u, GetErrorText(code, kErrorTextMessage, static_cast<char*>(nullptr), 0));
-
   char16_t wide[5] = {u'x', u'x', u'x', u'x', u'x'};
   EXPECT_EQ(12u, GetErrorText(code, kErrorTextMessage, wide, 5));
   EXPECT_EQ(std::u16string(u"Inva"), wide);
@@ -163,19 +119,14 @@ TEST(ErrorMessages, NullBufferGivesLengthAndSmallBufferCuts) {
   EXPECT_STREQ("Invalid name", narrow);
   EXPECT_EQ(12u, GetErrorText(code, kErrorTextMessage, narrow, 1));
   EXPECT_STREQ("", narrow);
-
   // System text reaches the single-byte form too, cut the same way.
   char system[7];
   EXPECT_EQ(19u, GetErrorText(static_cast<ResultCode>(0x83FF0005), kErrorTextMessage, system, 7));
   EXPECT_STREQ("Access", system);
-}
 
-TEST(ErrorMessages, GetErrorStringFillsTheMessage) {
   WideString text(u"stale");
   EXPECT_EQ(21u, GetErrorString(static_cast<ResultCode>(0x82020009), text));
   EXPECT_EQ(u"Unsupported operation", text.view());
-  EXPECT_EQ(19u, GetErrorString(SystemErrorCode(5), text));
-  EXPECT_EQ(u"Access is denied.\r\n", text.view());
   EXPECT_EQ(0u, GetErrorString(static_cast<ResultCode>(0x8007ABCD), text));
   EXPECT_TRUE(text.IsEmpty());
 }
@@ -192,56 +143,44 @@ TEST(ErrorMessages, SecondRegistrationOfADomainChangesNothing) {
 
 TEST_F(ErrorRegistryTest, TableTextLosesTrailingWhitespaceAndGetsOnePoint) {
   static constexpr ErrorMessage kRows[] = {
-      {1, "Already a sentence.  \r\n"},
-      {2, "Line one\r\n"},
-      {3, " \t"},
-      {4, ""},
-  };
+      {1, "Already a sentence.  \r\n"}, {2, "Line one\r\n"}, {3, " \t"}, {4, ""}};
   Register(kTestDomain, kRows, 4, "Test domain");
+  Register(kTestDomain + 1, nullptr, 0, "Rowless");
   EXPECT_EQ(u"Error [Test domain]: Already a sentence.", Sentence(0x832C0001));
   EXPECT_EQ(u"Line one.", Sentence(0x832C0002, true));
   // Only whitespace: the first character stays.
   EXPECT_EQ(u" .", Sentence(0x832C0003, true));
   // An empty row counts as no message, and the system does not know the code either.
   EXPECT_EQ(u"Error [Test domain]: Unknown error: 0x832C0004.", Sentence(0x832C0004));
+  // A domain without rows still reads the common table.
+  EXPECT_EQ(u"Failure [Rowless]: Buffer is too small.", Sentence(0xC32D03EB));
 }
 
 TEST_F(ErrorRegistryTest, DomainsStaySortedWhileTheArrayGrows) {
   // Enough domains to pass several growth steps, registered out of order.
+  static constexpr ErrorMessage kRow[] = {{0x4242, "Row of a test domain"}};
   std::vector<std::uint32_t> ids;
   for (std::uint32_t i = 0; i < 60; ++i) ids.push_back(320 + (i * 37) % 60);
-  static constexpr ErrorMessage kRow[] = {{0x4242, "Row of a test domain"}};
   for (std::uint32_t id : ids) Register(id, kRow, 1, "Grown");
   for (std::uint32_t id : ids) {
     SCOPED_TRACE(id);
-    const auto code = static_cast<std::uint32_t>(MakeResultCode(2, id, 0x4242));
-    EXPECT_EQ(u"Error [Grown]: Row of a test domain.", Sentence(code));
+    EXPECT_EQ(u"Error [Grown]: Row of a test domain.", Sentence(Code(id, 0x4242)));
   }
   // The built-ins are still in place around them.
   EXPECT_EQ(u"Error [IO subsystem]: Unsupported operation.", Sentence(0x82020009));
   EXPECT_EQ(u"Operating system", Text(0x83FF0000, kErrorTextDomain));
 
   UnregisterErrorDomain(340);
-  auto nameOf = [](std::uint32_t id) {
-    return Text(static_cast<std::uint32_t>(MakeResultCode(2, id, 0)), kErrorTextDomain);
-  };
-  EXPECT_EQ(u"System", nameOf(340));
-  EXPECT_EQ(u"Grown", nameOf(339));
-  EXPECT_EQ(u"Grown", nameOf(341));
-}
-
-TEST_F(ErrorRegistryTest, NullRowsFallBackToTheCommonTable) {
-  Register(kTestDomain, nullptr, 0, "Rowless");
-  EXPECT_EQ(u"Failure [Rowless]: Buffer is too small.", Sentence(0xC32C03EB));
+  EXPECT_EQ(u"System", Text(Code(340, 0), kErrorTextDomain));
+  EXPECT_EQ(u"Grown", Text(Code(339, 0), kErrorTextDomain));
+  EXPECT_EQ(u"Grown", Text(Code(341, 0), kErrorTextDomain));
 }
 
 TEST(ErrorMessages, LanguageTheSystemLacksIsRetriedInLanguageZero) {
   internal::SetErrorLanguage(0x0407);
   const std::u16string sentence = Sentence(0x80070005);
-  const std::u16string name = Text(0x80070005, kErrorTextDomain);
   internal::SetErrorLanguage(0);
   EXPECT_EQ(u"Error [System]: Access is denied.", sentence);
-  EXPECT_EQ(u"System", name);
 }
 
 TEST_F(ErrorRegistryTest, ThreadsRegisterAndLookUpTogether) {
@@ -250,8 +189,8 @@ TEST_F(ErrorRegistryTest, ThreadsRegisterAndLookUpTogether) {
   std::vector<int> failures(4, 0);
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([t, &failures] {
-      for (int i = 0; i < 50; ++i) {
-        const std::uint32_t id = 400 + static_cast<std::uint32_t>(t * 50 + i) % 100;
+      for (std::uint32_t i = 0; i < 50; ++i) {
+        const std::uint32_t id = 400 + (static_cast<std::uint32_t>(t) * 50 + i) % 100;
         (void)RegisterErrorDomain(id, kRow, 1, "Threaded");
         WideString text;
         (void)FormatErrorMessage(MakeResultCode(2, id, 7), text);

@@ -240,10 +240,8 @@ class FileDialogTest : public ::testing::Test {
   void RegisterFake(HRESULT failure = S_OK) {
     fake_->createResult = failure;
     for (const CLSID* clsid : {&CLSID_FileSaveDialog, &CLSID_FileOpenDialog}) {
-      DWORD cookie = 0;
       ASSERT_EQ(S_OK, CoRegisterClassObject(*clsid, fake_->Identity(), CLSCTX_INPROC_SERVER,
-                                            REGCLS_MULTIPLEUSE, &cookie));
-      cookies_.push_back(cookie);
+                                            REGCLS_MULTIPLEUSE, &cookies_.emplace_back()));
     }
   }
   void Unregister() {
@@ -252,14 +250,12 @@ class FileDialogTest : public ::testing::Test {
   }
   // The add-in's own request, in the temporary folder.
   FileDialogRequest PdfRequest(const char16_t* name) {
-    FileDialogRequest request;
-    request.DefaultExtension = u"pdf";
-    request.AppendExtension = 1;
-    request.FileName = name;
-    request.InitialFolder = base_.c_str();
-    request.Filter = u"PDF Documents (*.pdf)|*.pdf";
-    request.Options = 0x10042;
-    return request;
+    return {.DefaultExtension = u"pdf",
+            .AppendExtension = 1,
+            .FileName = name,
+            .InitialFolder = base_.c_str(),
+            .Filter = u"PDF Documents (*.pdf)|*.pdf",
+            .Options = 0x10042};
   }
   bool Create(const FileDialogRequest& request, bool forceClassic = false) {
     return CreateFileDialog(dialog_, request, forceClassic);
@@ -288,6 +284,9 @@ TEST_F(FileDialogTest, ShellSetupCallsTheDialogInOrder) {
   request.OkLabel = u"Save";
   request.FileNameLabel = u"Name:";
   request.CancelLabel = u"Skip";  // dropped: this dialog has no IFileDialog2
+  request.ButtonLabel = u"Options";
+  request.ExtraButtonEnabled = 1;
+  fake_->failOn = "AddPushButton";  // extra controls are decoration: a refusal is no failure
   ASSERT_TRUE(Create(request));
   const std::vector<std::string> expected = {
       "SetTitle(Save as PDF)",
@@ -299,6 +298,8 @@ TEST_F(FileDialogTest, ShellSetupCallsTheDialogInOrder) {
       "SetFileTypes(PDF Documents (*.pdf)=*.pdf)",
       "SetFolder(" + folder_.path().string() + ")",
       "SetFileTypeIndex(1)",
+      "AddPushButton(1001,Options)",
+      "AddText(1002,)",
   };
   EXPECT_EQ(expected, fake_->calls);
 }
@@ -322,11 +323,8 @@ TEST_F(FileDialogTest, ShellFilterPairsIndexAndExtensionFollowTheRequest) {
   for (const auto& c : cases) {
     SCOPED_TRACE(Utf16ToUtf8(c.filter));
     fake_->calls.clear();
-    FileDialogRequest request;
-    request.Filter = c.filter;
-    request.FilterIndex = c.index;
-    request.DefaultExtension = c.extension;
-    ASSERT_TRUE(Create(request));
+    ASSERT_TRUE(
+        Create({.DefaultExtension = c.extension, .Filter = c.filter, .FilterIndex = c.index}));
     EXPECT_EQ(c.calls, fake_->CallsOf({"SetFileType", "SetDefaultExtension"}));
     EXPECT_EQ(c.kept, dialog_->FilterIndex());
   }
@@ -342,9 +340,7 @@ TEST_F(FileDialogTest, SaveResultGetsTheDefaultExtensionUnlessItEndsInIt) {
     std::u16string classic;
   } cases[] = {
       {u"/out/report.txt", 1, u"/out/report.txt.pdf", u"/out/report.txt.pdf"},
-      {u"/out/REPORT.PDF", 1, u"/out/REPORT.PDF", u"/out/REPORT.PDF"},
-      {u"/out/report.Pdf", 1, u"/out/report.Pdf", u"/out/report.Pdf"},
-      {u"/out/report", 1, u"/out/report.pdf", u"/out/report.pdf"},
+      {u"/out/REPORT.Pdf", 1, u"/out/REPORT.Pdf", u"/out/REPORT.Pdf"},
       {u"/out/v1.2/report", 1, u"/out/v1.2/report.pdf", u"/out/v1.2/report.pdf"},
       {u"/out/report.txt", 0, u"/out/report.txt", u"/out/report.txt"},
       {u"/out/report", 0, u"/out/report", u"/out/report.pdf"},
@@ -370,13 +366,10 @@ TEST_F(FileDialogTest, ShellShowAnswersCancelFailureAndTheTypeChosen) {
   FileDialogRequest request = PdfRequest(u"report");
   request.Filter = u"PDF|*.pdf|PDF/A|*.pdf";
   fake_->chosen = {u"/out/report.pdf"};
-
-  fake_->showResult = HRESULT_FROM_WIN32(ERROR_CANCELLED);
   ASSERT_TRUE(Create(request));
+  fake_->showResult = HRESULT_FROM_WIN32(ERROR_CANCELLED);
   EXPECT_EQ(kFileDialogCancelled, Show());
-  EXPECT_TRUE(dialog_->Results().empty());
   EXPECT_EQ("Advise() Show() Unadvise(7)", fake_->CallsOf({"Advise", "Show", "Unadvise"}));
-
   fake_->showResult = E_FAIL;
   EXPECT_EQ(kFileDialogFailed, Show());
   EXPECT_TRUE(dialog_->Results().empty());
@@ -386,29 +379,9 @@ TEST_F(FileDialogTest, ShellShowAnswersCancelFailureAndTheTypeChosen) {
   EXPECT_EQ(kFileDialogOk, Show());
   EXPECT_EQ(std::vector<std::u16string>{u"/out/report.pdf"}, Results());
   EXPECT_EQ(1u, dialog_->FilterIndex());
-
-  fake_->chosen.clear();  // the dialog cannot name its result
+  fake_->chosen.clear();  // the dialog cannot name its result: the last results must not stay
   EXPECT_EQ(kFileDialogFailed, Show());
   EXPECT_TRUE(dialog_->Results().empty());
-}
-
-TEST_F(FileDialogTest, ShellExtraControlsDependOnTheKindOfDialog) {
-  RegisterFake();
-  FileDialogRequest request = PdfRequest(u"report");
-  request.Open = 1;
-  request.ExtraButtonEnabled = 1;
-  request.CheckLabel = u"Keep open";
-  request.CheckState = 5;
-  ASSERT_TRUE(Create(request));
-  EXPECT_EQ("AddPushButton(1001,Settings) MakeProminent(1001) AddCheckButton(1002,Keep open,1)",
-            fake_->CallsOf({"Add", "MakeProminent"}));
-
-  fake_->calls.clear();
-  request.Open = 0;
-  request.ButtonLabel = u"Options";
-  request.CheckLabel = nullptr;
-  ASSERT_TRUE(Create(request));
-  EXPECT_EQ("AddPushButton(1001,Options) AddText(1002,)", fake_->CallsOf({"Add", "MakeProminent"}));
 }
 
 struct ButtonQuestion {
@@ -427,20 +400,22 @@ bool AskButton(std::uint32_t typeIndex, const std::vector<WideString>& selection
 
 TEST_F(FileDialogTest, ShellOpenListsEveryFileAndAsksWhetherTheExtraButtonIsEnabled) {
   RegisterFake();
-  ButtonQuestion question;
-  FileDialogRequest request = PdfRequest(nullptr);
-  request.Open = 1;
-  request.Options = FOS_ALLOWMULTISELECT;
-  request.Filter = u"Mail|*.eml|All|*.*";
-  request.FilterIndex = 1;
-  request.ExtraButtonEnabled = 1;
-  request.ExtraButtonCallback = &AskButton;
-  request.ExtraButtonData = &question;
+  ButtonQuestion question{.answer = true};
   const std::vector<std::u16string> chosen = {u"/mail/a.eml", u"/mail/b"};
   fake_->chosen = chosen;
-  ASSERT_TRUE(Create(request));
-
-  question.answer = true;
+  ASSERT_TRUE(Create({.Open = 1,
+                      .DefaultExtension = u"pdf",
+                      .AppendExtension = 1,
+                      .Filter = u"Mail|*.eml|All|*.*",
+                      .Options = FOS_ALLOWMULTISELECT,
+                      .FilterIndex = 1,
+                      .CheckLabel = u"Keep open",
+                      .CheckState = 5,
+                      .ExtraButtonCallback = &AskButton,
+                      .ExtraButtonEnabled = 1,
+                      .ExtraButtonData = &question}));
+  EXPECT_EQ("AddPushButton(1001,Settings) MakeProminent(1001) AddCheckButton(1002,Keep open,1)",
+            fake_->CallsOf({"Add", "MakeProminent"}));
   ASSERT_EQ(kFileDialogOk, Show());
   EXPECT_EQ(chosen, Results()) << "open dialogs force no extension";
   EXPECT_EQ(1u, question.typeIndex);
@@ -460,27 +435,29 @@ TEST_F(FileDialogTest, ClassicDialogAnswersWhenTheShellDialogCannotBeBuilt) {
     HRESULT createFailure;
     std::string failOn;
     bool forceClassic;
-    bool shellAnswers;
   } cases[] = {
-      {"no class registered", false, S_OK, "", false, false},
-      {"class object refuses", true, E_OUTOFMEMORY, "", false, false},
-      {"a setup call fails", true, S_OK, "SetOptions", false, false},
-      {"classic forced", true, S_OK, "", true, false},
-      {"shell dialog registered", true, S_OK, "", false, true},
+      {"no class registered", false, S_OK, "", false},
+      {"class object refuses", true, E_OUTOFMEMORY, "", false},
+      {"a setup call fails", true, S_OK, "SetOptions", false},
+      {"classic forced", true, S_OK, "", true},
+      {"shell dialog registered", true, S_OK, "", false},
   };
-  fake_->chosen = {folder_.WidePathOf("report.pdf")};
+  // The classic name box refuses \ / : * ? " < > |, and the proposal it shows loses them.
+  fake_->chosen = {folder_.WidePathOf("Q1 abcdefghi.pdf")};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
+    const bool shellAnswers =
+        c.registered && c.failOn.empty() && c.createFailure == S_OK && !c.forceClassic;
     platform::ClearFileDialogAnswers();
     fake_->calls.clear();
     fake_->failOn = c.failOn;
     if (c.registered) RegisterFake(c.createFailure);
-    ASSERT_TRUE(Create(PdfRequest(u"report"), c.forceClassic));
-    ASSERT_TRUE(platform::QueueFileDialogAnswer(u""));
+    ASSERT_TRUE(Create(PdfRequest(u"Q1: a\\b/c*d?e\"f<g>h|i"), c.forceClassic));
+    ASSERT_TRUE(platform::QueueFileDialogAnswer(u""));  // the proposal as it is shown
     EXPECT_EQ(kFileDialogOk, Show());
     EXPECT_EQ(fake_->chosen, Results());
-    EXPECT_EQ(c.shellAnswers ? 1u : 0u, platform::PendingFileDialogAnswers());
-    EXPECT_EQ(c.shellAnswers ? "Show()" : "", fake_->CallsOf({"Show"}));
+    EXPECT_EQ(shellAnswers ? 1u : 0u, platform::PendingFileDialogAnswers());
+    EXPECT_EQ(shellAnswers ? "Show()" : "", fake_->CallsOf({"Show"}));
     Unregister();
   }
 }
@@ -488,32 +465,13 @@ TEST_F(FileDialogTest, ClassicDialogAnswersWhenTheShellDialogCannotBeBuilt) {
 // ---------------------------------------------------------------------------------------------
 // Classic variant
 
-TEST_F(FileDialogTest, ClassicProposedNameLosesWhatTheNameBoxRefuses) {
-  const struct {
-    const char16_t* proposed;
-    const char* expected;
-  } cases[] = {
-      {u"Q1: Plan?", "Q1 Plan.pdf"},
-      {u"a\\b/c:d*e?f\"g<h>i|j", "abcdefghij.pdf"},
-      {u"Re - Offer (2)", "Re - Offer (2).pdf"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.expected);
-    ASSERT_TRUE(Create(PdfRequest(c.proposed), true));
-    ASSERT_TRUE(platform::QueueFileDialogAnswer(u""));  // the proposal as it is shown
-    ASSERT_EQ(kFileDialogOk, Show());
-    EXPECT_EQ(std::vector{folder_.WidePathOf(c.expected)}, Results());
-  }
-}
-
 TEST_F(FileDialogTest, ClassicOpenSplitsFolderAndNamesOrCancels) {
-  FileDialogRequest request;
-  request.Open = 1;
-  request.Options = FOS_ALLOWMULTISELECT;
-  request.FilterIndex = 1;
-  request.Filter = u"Mail|*.eml|All|*.*";
-  request.InitialFolder = base_.c_str();
-  ASSERT_TRUE(Create(request, true));
+  ASSERT_TRUE(Create({.Open = 1,
+                      .InitialFolder = base_.c_str(),
+                      .Filter = u"Mail|*.eml|All|*.*",
+                      .Options = FOS_ALLOWMULTISELECT,
+                      .FilterIndex = 1},
+                     true));
   ASSERT_TRUE(platform::QueueFileDialogAnswer(u"a.eml\0b.eml"s));
   ASSERT_EQ(kFileDialogOk, Show());
   EXPECT_EQ((std::vector{folder_.WidePathOf("a.eml"), folder_.WidePathOf("b.eml")}), Results());
@@ -525,47 +483,36 @@ TEST_F(FileDialogTest, ClassicOpenSplitsFolderAndNamesOrCancels) {
 }
 
 TEST(ClassicFilterText, EndsInTwoNulsWithoutExtendingWhatAlreadyDoes) {
-  const struct {
-    const char16_t* filter;
-    std::u16string expected;
-  } cases[] = {
+  const std::pair<const char16_t*, std::u16string> cases[] = {
       {u"PDF|*.pdf", u"PDF\0*.pdf\0\0"s},
       {u"PDF|*.pdf|", u"PDF\0*.pdf\0\0"s},
       {u"PDF|*.pdf||", u"PDF\0*.pdf\0\0"s},
       {u"PDF|*.pdf|||", u"PDF\0*.pdf\0\0\0"s},
       {u"", u"\0\0"s},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(Utf16ToUtf8(c.filter));
-    EXPECT_EQ(c.expected, std::u16string(file_dialog_internal::ClassicFilterText(c.filter).view()));
+  for (const auto& [filter, expected] : cases) {
+    SCOPED_TRACE(Utf16ToUtf8(filter));
+    EXPECT_EQ(expected, std::u16string(file_dialog_internal::ClassicFilterText(filter).view()));
   }
 }
 
 TEST(ClassicDialogFlags, MapOptionsOntoTheClassicFlags) {
   const struct {
     const char* what;
-    std::uint32_t open;
-    const char16_t* extension;
-    std::uint32_t options;
+    FileDialogRequest request;
     std::uint32_t expected;
   } cases[] = {
-      {"plain save", 0, nullptr, 0, 0xA80024},
-      {"default extension", 0, u"*.pdf", 0, 0xA80424},
-      {"extension of marks only", 0, u"*.", 0, 0xA80024},
-      {"the add-in's save", 0, u"pdf", 0x10042, 0xA90426},
-      {"multiple selection on open", 1, nullptr, 0x200, 0xA80224},
-      {"multiple selection on save", 0, nullptr, 0x200, 0xA80024},
-      {"every carried bit", 0, nullptr, 0x1211F90A, 0xA80024 | 0x1211F90A},
-      {"bits without twin", 1, nullptr, 0x4 | 0x20 | 0x40 | 0x80 | 0x20000 | 0x40000 | 0x200000,
-       0xA80024},
+      {"plain save", {}, 0xA80024},
+      {"default extension", {.DefaultExtension = u"*.pdf"}, 0xA80424},
+      {"extension of marks only", {.DefaultExtension = u"*."}, 0xA80024},
+      {"multiple selection on open", {.Open = 1, .Options = 0x200}, 0xA80224},
+      {"multiple selection on save", {.Options = 0x200}, 0xA80024},
+      {"every carried bit", {.Options = 0x1211F90A}, 0xA80024 | 0x1211F90A},
+      {"bits without twin", {.Open = 1, .Options = 0x4 | 0x20 | 0x40 | 0x80 | 0x260000}, 0xA80024},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
-    FileDialogRequest request;
-    request.Open = c.open;
-    request.DefaultExtension = c.extension;
-    request.Options = c.options;
-    EXPECT_EQ(c.expected, file_dialog_internal::ClassicDialogFlags(request));
+    EXPECT_EQ(c.expected, file_dialog_internal::ClassicDialogFlags(c.request));
   }
 }
 

@@ -79,16 +79,22 @@ class ClassTableTest : public ::testing::Test {
   HRESULT created_ = S_OK;
 };
 
-TEST_F(ClassTableTest, NewestRegistrationAnswersUntilRevoked) {
+TEST_F(ClassTableTest, NewestRegistrationAnswersUntilRevokedAndFailuresComeBackAsTheyAre) {
   EXPECT_EQ(nullptr, Create()) << "a failed creation clears the out pointer";
   EXPECT_EQ(REGDB_E_CLASSNOTREG, created_);
   ComPtr<Factory> first = NewFactory();
-  ComPtr<Factory> second = NewFactory();
+  ComPtr<Factory> second = NewFactory(E_OUTOFMEMORY);
   const DWORD firstCookie = Register(first);
-  const DWORD secondCookie = Register(second);
+  const DWORD secondCookie = Register(second, CLSCTX_LOCAL_SERVER);
   EXPECT_NE(firstCookie, secondCookie);
+  EXPECT_EQ(first->Identity(), Create(CLSCTX_INPROC_SERVER)) << "another context is not found";
+  EXPECT_EQ(nullptr, Create(23));
+  EXPECT_EQ(E_OUTOFMEMORY, created_);
+  void* object = nullptr;
+  EXPECT_EQ(CLASS_E_NOAGGREGATION,
+            CoCreateInstance(kTestClass, first->Identity(), CLSCTX_ALL, IID_IUnknown, &object));
+  EXPECT_EQ(E_POINTER, CoCreateInstance(kTestClass, nullptr, CLSCTX_ALL, IID_IUnknown, nullptr));
 
-  EXPECT_EQ(second->Identity(), Create());
   EXPECT_EQ(S_OK, CoRevokeClassObject(secondCookie));
   EXPECT_EQ(first->Identity(), Create());
   EXPECT_EQ(S_OK, CoRevokeClassObject(firstCookie));
@@ -97,24 +103,8 @@ TEST_F(ClassTableTest, NewestRegistrationAnswersUntilRevoked) {
   EXPECT_EQ(CO_E_OBJNOTREG, CoRevokeClassObject(firstCookie));
 }
 
-TEST_F(ClassTableTest, RefusalsAndFailuresComeBackAsTheyAre) {
-  ComPtr<Factory> failing = NewFactory(E_OUTOFMEMORY);
-  const DWORD cookie = Register(failing, CLSCTX_LOCAL_SERVER);
-  EXPECT_EQ(nullptr, Create(CLSCTX_INPROC_SERVER));
-  EXPECT_EQ(REGDB_E_CLASSNOTREG, created_) << "a class of another context is not found";
-  EXPECT_EQ(nullptr, Create(23));
-  EXPECT_EQ(E_OUTOFMEMORY, created_);
-
-  void* object = nullptr;
-  EXPECT_EQ(CLASS_E_NOAGGREGATION,
-            CoCreateInstance(kTestClass, failing->Identity(), CLSCTX_ALL, IID_IUnknown, &object));
-  EXPECT_EQ(E_POINTER, CoCreateInstance(kTestClass, nullptr, CLSCTX_ALL, IID_IUnknown, nullptr));
-  EXPECT_EQ(S_OK, CoRevokeClassObject(cookie));
-}
-
 TEST_F(ClassTableTest, ThreadsRegisterCreateAndRevokeAtOnce) {
-  constexpr int kThreads = 4;
-  constexpr int kRounds = 300;
+  constexpr int kThreads = 4, kRounds = 300;
   std::vector<std::vector<DWORD>> cookies(kThreads, std::vector<DWORD>(kRounds));
   std::atomic<int> misses{0};
   std::vector<std::thread> threads;
@@ -154,7 +144,7 @@ std::u16string NameOf(const ComPtr<IShellItem>& item, SIGDN form) {
   return copy;
 }
 
-TEST(ShellItem, NamesItsPathParentAndKind) {
+TEST(ShellItem, NamesItsPathParentAndKindAndRefusesMissingOrEmptyPaths) {
   TempFolder folder;
   folder.Write("docs/plan.txt", "x");
   const std::u16string path = folder.WidePathOf("docs/plan.txt");
@@ -166,7 +156,6 @@ TEST(ShellItem, NamesItsPathParentAndKind) {
   EXPECT_EQ(path, NameOf(item, SIGDN_FILESYSPATH));
   EXPECT_EQ(u"plan.txt", NameOf(item, SIGDN_NORMALDISPLAY));
   EXPECT_EQ(folder.WidePathOf("docs"), NameOf(parent, SIGDN_FILESYSPATH));
-
   SFGAOF attributes = 0;
   EXPECT_EQ(S_OK, parent->GetAttributes(SFGAO_FOLDER | SFGAO_FILESYSTEM, &attributes));
   EXPECT_EQ(S_FALSE, item->GetAttributes(SFGAO_FOLDER | SFGAO_FILESYSTEM, &attributes));
@@ -174,18 +163,15 @@ TEST(ShellItem, NamesItsPathParentAndKind) {
   int order = 0;
   EXPECT_EQ(S_FALSE, item->Compare(parent.get(), 0, &order));
   EXPECT_EQ(1, order);
-}
 
-TEST(ShellItem, MissingOrEmptyPathsAreRefused) {
-  TempFolder folder;
-  void* item = reinterpret_cast<void*>(1);
+  void* refused = reinterpret_cast<void*>(1);
   const std::u16string missing = folder.WidePathOf("nothing-here");
   EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND),
-            SHCreateItemFromParsingName(missing.c_str(), nullptr, IID_IShellItem, &item));
-  EXPECT_EQ(nullptr, item);
-  EXPECT_EQ(E_INVALIDARG, SHCreateItemFromParsingName(u"", nullptr, IID_IShellItem, &item));
-  EXPECT_EQ(E_NOINTERFACE, SHCreateItemFromParsingName(folder.WidePathOf("").c_str(), nullptr,
-                                                       IID_IFileDialog, &item));
+            SHCreateItemFromParsingName(missing.c_str(), nullptr, IID_IShellItem, &refused));
+  EXPECT_EQ(nullptr, refused);
+  EXPECT_EQ(E_INVALIDARG, SHCreateItemFromParsingName(u"", nullptr, IID_IShellItem, &refused));
+  EXPECT_EQ(E_NOINTERFACE,
+            SHCreateItemFromParsingName(path.c_str(), nullptr, IID_IFileDialog, &refused));
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -268,30 +254,24 @@ TEST_F(ConsoleDialogTest, QueuedAnswersResolveAgainstTheInitialFolder) {
   }
 }
 
-TEST_F(ConsoleDialogTest, ReportsNameOffsetsAndTitle) {
-  Propose(u"x", folder_.WidePathOf(""), u"pdf");
+TEST_F(ConsoleDialogTest, CancelsWhenQueuedOrWithNeitherAnswerNorTerminal) {
+  Propose(u"report", folder_.WidePathOf(""), u"pdf");
   std::vector<char16_t> title(64, u'\0');
   ofn_.lpstrFileTitle = title.data();
   ofn_.nMaxFileTitle = 64;
-  ASSERT_TRUE(QueueFileDialogAnswer(u"Quarter.Report"));
-  ASSERT_EQ(TRUE, GetSaveFileNameW(&ofn_));
-  const std::u16string chosen = Chosen();
-  EXPECT_EQ(u"Quarter.Report", chosen.substr(ofn_.nFileOffset));
-  EXPECT_EQ(u"Report", chosen.substr(ofn_.nFileExtension));
-  EXPECT_EQ(u"Quarter.Report", std::u16string(title.data()));
-}
-
-TEST_F(ConsoleDialogTest, CancelsWhenQueuedOrWithNeitherAnswerNorTerminal) {
-  Propose(u"report", folder_.WidePathOf(""), u"pdf");
   ASSERT_TRUE(QueueFileDialogCancel());
-  ASSERT_TRUE(QueueFileDialogAnswer(u"second"));
+  ASSERT_TRUE(QueueFileDialogAnswer(u"Quarter.Report"));
   EXPECT_EQ(2u, PendingFileDialogAnswers());
   EXPECT_EQ(FALSE, GetSaveFileNameW(&ofn_));
   EXPECT_EQ(0u, CommDlgExtendedError());
   EXPECT_EQ(u"report", Chosen()) << "a cancel leaves the buffer alone";
 
   ASSERT_EQ(TRUE, GetSaveFileNameW(&ofn_)) << "the next question takes the next answer";
-  EXPECT_EQ(folder_.WidePathOf("second.pdf"), Chosen());
+  const std::u16string chosen = Chosen();
+  EXPECT_EQ(folder_.WidePathOf("Quarter.Report"), chosen);
+  EXPECT_EQ(u"Quarter.Report", chosen.substr(ofn_.nFileOffset));
+  EXPECT_EQ(u"Report", chosen.substr(ofn_.nFileExtension));
+  EXPECT_EQ(u"Quarter.Report", std::u16string(title.data()));
 
   EXPECT_EQ(0u, PendingFileDialogAnswers());
   EXPECT_EQ(FALSE, GetOpenFileNameW(&ofn_));
