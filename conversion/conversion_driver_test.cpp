@@ -458,20 +458,7 @@ TEST_F(ConversionDriverTest, PlainRunHandsPageAndRecordToAStartedConverter) {
 TEST_F(ConversionDriverTest, ProtectedRunCarriesPasswordsAndRealAttachments) {
   {
     AddinSettings saved;
-    SecuritySettings& security = *saved.Security;
-    security.secEnabled = true;
-    security.secHasUserPassword = true;
-    security.secHasOwnerPassword = true;
-    security.secOwnerPassword = std::u16string_view(u"Owner1");
-    security.secType = 3;
-    security.sec40AllowPrinting = true;
-    security.sec40AllowCopying = true;
-    security.sec128ContentAccess = true;
-    security.sec128Changes = 2;
-    security.sec128Printing = 1;
-    saved.RunApp->RunCustPDFApp = true;
-    saved.RunApp->RunPDFPath = std::u16string_view(u"/usr/bin/viewer");
-    saved.RunApp->RunPDFParams = std::u16string_view(u"--page 1 %f");
+    testing::SetGoldenSecurity(*saved.Security, *saved.RunApp);
     saved.SaveSettings();
   }
   InstallConverter();

@@ -87,21 +87,8 @@ TEST(HandoffRecordTest, StoresSerialiseToTheGoldenBytes) {
     SCOPED_TRACE("protection with passwords");
     ConversionStore store;
     store.Security = SecuritySettings::Create();
-    SecuritySettings& security = *store.Security;
-    security.secEnabled = true;
-    security.secHasUserPassword = true;
-    security.secHasOwnerPassword = true;
-    security.secOwnerPassword = std::u16string_view(u"Owner1");
-    security.secType = 3;
-    security.sec40AllowPrinting = true;
-    security.sec40AllowCopying = true;
-    security.sec128ContentAccess = true;
-    security.sec128Changes = 2;
-    security.sec128Printing = 1;
     store.RunApp = RunAppSettings::Create();
-    store.RunApp->RunCustPDFApp = true;
-    store.RunApp->RunPDFPath = texts.at("runPath");
-    store.RunApp->RunPDFParams = texts.at("runParams");
+    testing::SetGoldenSecurity(*store.Security, *store.RunApp);
     ConversionJob& job = AddJob(store, texts.at("page"), texts.at("output"));
     // One name twice: the later save replaced the earlier file, and both paths go out.
     job.Attachments = {WideString(texts.at("attachment1")), WideString(texts.at("attachment2"))};

@@ -14,6 +14,8 @@
 
 #include <gtest/gtest.h>
 
+#include "settings/addin_settings.h"
+
 namespace mrwl::testing {
 
 // Builds the bytes of a golden from its layout: whitespace-separated tokens, each a run of hex
@@ -111,6 +113,24 @@ inline constexpr const char* kEmptyPortfolioGolden = R"(
   01 {output} {user} {folder}
   00000000
 )";
+
+// The protection and run-application settings that kSecurityGolden was made from: an empty user
+// password whose flag is set, a coded owner password, and a program of the user's choosing.
+inline void SetGoldenSecurity(SecuritySettings& security, RunAppSettings& runApp) {
+  security.secEnabled = true;
+  security.secHasUserPassword = true;
+  security.secHasOwnerPassword = true;
+  security.secOwnerPassword = std::u16string_view(u"Owner1");
+  security.secType = 3;
+  security.sec40AllowPrinting = true;
+  security.sec40AllowCopying = true;
+  security.sec128ContentAccess = true;
+  security.sec128Changes = 2;
+  security.sec128Printing = 1;
+  runApp.RunCustPDFApp = true;
+  runApp.RunPDFPath = std::u16string_view(u"/usr/bin/viewer");
+  runApp.RunPDFParams = std::u16string_view(u"--page 1 %f");
+}
 
 // The record as a reader on the converter's side sees it.
 struct DecodedMail {
