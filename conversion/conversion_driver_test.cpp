@@ -512,6 +512,20 @@ TEST_F(ConversionDriverTest, PortfolioRecordNumbersEqualNames) {
   texts["page2"] = mails[1]->saved.paths.at(0);
   EXPECT_EQ(testing::Golden(testing::kPortfolioGolden, texts), HandoffBytes());
 
+  // Attachments of one name in two mails: one file, the later one's, named by both jobs.
+  InstallConverter();
+  Answer("Inbox.pdf");
+  Attach(*mails[0], u"report.txt", "first");
+  Attach(*mails[1], u"report.txt", "second");
+  EXPECT_EQ(S_OK, Run(true, true));
+  (void)testing::WaitForLines(ArgsFile());
+  const auto shared = testing::HandoffReader::Decode(HandoffBytes());
+  ASSERT_TRUE(shared.has_value());
+  ASSERT_EQ(2u, shared->jobs.size());
+  const std::vector<std::u16string> report = {Wide(temp_.PathOf("tmp/report.txt"))};
+  for (const auto& job : shared->jobs) EXPECT_EQ(report, job.attachments);
+  EXPECT_EQ("second", temp_.Read("tmp/report.txt"));
+
   // A portfolio that found nothing to export still starts the converter, with no jobs, under
   // the folder's name as proposed, unsanitised.
   InstallConverter();
