@@ -819,6 +819,13 @@ int ChmodNoFollow(int folder, const char* name, mode_t mode) {
   return fchmodat(folder, name, mode, 0);
 }
 
+// Gives the entry `name` in `folder`, whose status is `st`, its owner-only mode unless it has it
+// already. False with errno on failure.
+bool RestrictEntry(int folder, const char* name, const struct stat& st) {
+  const mode_t mode = OwnerOnlyMode(st);
+  return (st.st_mode & 07777) == mode || ChmodNoFollow(folder, name, mode) == 0;
+}
+
 // Restricts the entries of the open folder `folder`, and below, to their owner. Every entry is
 // looked at by name relative to the folder without following links, so a link placed inside
 // cannot lead the walk, or a mode change, out of the tree. Keeps going past a failure and
@@ -850,9 +857,8 @@ DWORD RestrictEntriesBelow(int folder) {
       continue;
     }
     if (S_ISLNK(st.st_mode)) continue;
-    const mode_t mode = OwnerOnlyMode(st);
     // The folder's own rights come first, so that a folder closed to its owner can be read.
-    if ((st.st_mode & 07777) != mode && ChmodNoFollow(dirfd(dir), name, mode) != 0) {
+    if (!RestrictEntry(dirfd(dir), name, st)) {
       note(posix::WinErrorFromErrno(errno));
       continue;
     }
@@ -879,10 +885,7 @@ BOOL RestrictToOwner(const char16_t* path, BOOL recursive) noexcept {
     if (lstat(name.c_str(), &st) != 0) return Fail(ErrorFromErrno(errno, name));
     // A link is not ours to change, and what it points to may lie outside anything we own.
     if (S_ISLNK(st.st_mode)) return TRUE;
-    const mode_t mode = OwnerOnlyMode(st);
-    if ((st.st_mode & 07777) != mode && ChmodNoFollow(AT_FDCWD, name.c_str(), mode) != 0) {
-      return Fail(ErrorFromErrno(errno, name));
-    }
+    if (!RestrictEntry(AT_FDCWD, name.c_str(), st)) return Fail(ErrorFromErrno(errno, name));
     if (!recursive || !S_ISDIR(st.st_mode)) return TRUE;
     const int folder = open(name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     if (folder < 0) return Fail(ErrorFromErrno(errno, name));
