@@ -33,11 +33,17 @@ bool IsRibbonCallbackDispid(DISPID dispid) noexcept {
          dispid == DISPID_OnRibbonLoaded || dispid == DISPID_RibbonHandler;
 }
 
+std::atomic<LONG> gModuleLocks{0};
+
 }  // namespace
 
-Addin::Addin() : Settings(kAddinSettingsKeyPath) {}
+void LockModule() noexcept { gModuleLocks.fetch_add(1, std::memory_order_relaxed); }
+void UnlockModule() noexcept { gModuleLocks.fetch_sub(1, std::memory_order_acq_rel); }
+LONG ModuleLockCount() noexcept { return gModuleLocks.load(std::memory_order_acquire); }
 
-Addin::~Addin() = default;
+Addin::Addin() : Settings(kAddinSettingsKeyPath) { LockModule(); }
+
+Addin::~Addin() { UnlockModule(); }
 
 // --- IUnknown and IDispatch --------------------------------------------------------------------
 

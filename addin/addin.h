@@ -154,4 +154,10 @@ class Addin final : public OutlookAddinView,
   std::atomic<ULONG> refs_{1};
 };
 
+// The module's lock count: one for each living Addin and each LockServer(TRUE) of its class
+// factory. The module may be unloaded when it is 0. Any thread.
+void LockModule() noexcept;
+void UnlockModule() noexcept;
+[[nodiscard]] LONG ModuleLockCount() noexcept;
+
 }  // namespace mrwl

@@ -47,8 +47,8 @@ class MrwlCli : public ::testing::Test {
  protected:
   void SetUp() override {
     const char* dir = std::getenv("MRWL_TEST_BINARY_DIR");
-    ASSERT_NE(dir, nullptr) << "MRWL_TEST_BINARY_DIR names the build folder that holds host/mrwl";
-    program_ = std::string(dir) + "/host/mrwl";
+    ASSERT_NE(dir, nullptr) << "MRWL_TEST_BINARY_DIR names the build folder that holds bin/mrwl";
+    program_ = std::string(dir) + "/bin/mrwl";
   }
 
   // Runs mrwl with `args`, `input` on its standard input, against this test's hive.

@@ -1,6 +1,7 @@
 // mrwl: the Linux host. `mrwl selfcheck` (also what a bare `mrwl` runs) exercises the services that
 // every later step of a conversion stands on, end to end on this machine; `mrwl reg` reads and
-// edits the registry hive, `mrwl settings` the add-in's settings in it.
+// edits the registry hive, `mrwl settings` the add-in's settings in it; `mrwl convert` and
+// `mrwl open` play Outlook over mail files and click the add-in's ribbon.
 
 #include <algorithm>
 #include <cstdio>
@@ -18,6 +19,7 @@
 #include "foundation/result_codes.h"
 #include "foundation/stream.h"
 #include "foundation/wide_string.h"
+#include "host/convert_command.h"
 #include "host/reg_command.h"
 #include "host/settings_command.h"
 #include "platform/files.h"
@@ -153,6 +155,7 @@ int main(int argc, char** argv) {
       ->callback([&status] { status = mrwl::SelfCheck(); });
   mrwl::AddRegCommand(app, &status);
   mrwl::AddSettingsCommand(app, &status);
+  mrwl::AddConvertCommands(app, &status);
 
   // CLI11 takes the arguments last first.
   std::reverse(args.begin(), args.end());

@@ -12,6 +12,7 @@
 // order of preference:
 //   1. with the next answer the host queued in advance (QueueFileDialogAnswer,
 //      QueueFileDialogCancel), taken without any question, also when the file exists;
+//      then, for a save question, with the host's standing answer (SetFileDialogFolderAnswer);
 //   2. on a terminal (standard input and standard error both terminals), by asking on standard
 //      error and reading lines from standard input;
 //   3. otherwise with a cancel: FALSE, and CommDlgExtendedError() 0.
@@ -451,6 +452,14 @@ BOOL QueueFileDialogAnswer(std::u16string_view paths) noexcept;
 BOOL QueueFileDialogCancel() noexcept;
 // Drops the answers not yet taken.
 void ClearFileDialogAnswers() noexcept;
+// Sets the standing answer for the save questions that no queued answer meets: each is answered
+// with the name it proposes (its last component, with the default extension added) in `folder`.
+// A name that exists already is taken when `replaceExisting`; otherwise the question goes to the
+// terminal when there is one, and without one it is refused (FALSE, CommDlgExtendedError() 0)
+// with the line "PATH already exists." on standard error. Open questions, and questions that
+// propose no name, are not answered by it. An empty `folder` withdraws the standing answer. FALSE
+// only when memory runs out.
+BOOL SetFileDialogFolderAnswer(std::u16string_view folder, BOOL replaceExisting) noexcept;
 // The number of answers not yet taken.
 [[nodiscard]] DWORD PendingFileDialogAnswers() noexcept;
 

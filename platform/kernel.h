@@ -8,6 +8,8 @@
 
 #include <cstdarg>
 
+#include <string>
+
 #include "platform/win_types.h"
 
 namespace mrwl::platform {
@@ -46,6 +48,21 @@ DWORD GetModuleFileNameForAddress(const void* address, char16_t* buffer, DWORD s
 // The handle of a loaded module by name, or null if the process has not loaded it. On POSIX the
 // Windows-only message modules ("wininet.dll", "quartz.dll") are never loaded.
 [[nodiscard]] HMODULE GetModuleHandleA(const char* name) noexcept;
+
+// Loads the module file at `path` (a full path) and everything it needs, runs its start-up code
+// and returns its handle; a module already loaded is counted once more. Null on failure, with the
+// last error ERROR_MOD_NOT_FOUND (126) for a file that is not there or needs a library that is
+// not, ERROR_BAD_EXE_FORMAT (193) for a file that is no module of this system, and
+// ERROR_PROC_NOT_FOUND (127) for one that needs a missing entry. The loader's own account of the
+// failure goes to the trace (OutputDebugStringW) and to GetModuleLoadProblem.
+[[nodiscard]] HMODULE LoadLibraryW(const char16_t* path) noexcept;
+// The address of the export `name` of `module`, or null with ERROR_PROC_NOT_FOUND.
+[[nodiscard]] void* GetProcAddress(HMODULE module, const char* name) noexcept;
+// Drops one count of `module`; the last one runs its shutdown code and unloads it.
+BOOL FreeLibrary(HMODULE module) noexcept;
+// The loader's words about the calling thread's last failed LoadLibraryW (POSIX; empty on
+// Windows, whose error numbers say it all), for a person to read next to the error's text.
+[[nodiscard]] std::u16string GetModuleLoadProblem();
 
 // Whether `module` exports `name`. The system module "ntdll" answers for "wine_get_version" when
 // the process runs under Wine.

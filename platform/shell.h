@@ -83,6 +83,13 @@ struct ShellExecuteInfoW {
 HINSTANCE ShellExecuteW(HWND owner, const char16_t* verb, const char16_t* file,
                         const char16_t* parameters, const char16_t* directory, int show) noexcept;
 
+// Called after every ShellExecuteW with what was asked and the result, on the calling thread.
+// On Linux the host watches the add-in's starts of the converter this way, as the user of a
+// desktop would see the program come up; Windows has no such hook. Null removes the observer.
+using ShellExecuteObserver = void (*)(void* context, const char16_t* file,
+                                      const char16_t* parameters, HINSTANCE result);
+void SetShellExecuteObserver(ShellExecuteObserver observer, void* context) noexcept;
+
 // ShellExecuteW with a request record. Returns TRUE on success; FALSE with the last error set and
 // the small error in hInstApp. SEE_MASK_FLAG_NO_UI keeps a failure from showing anything.
 BOOL ShellExecuteExW(ShellExecuteInfoW* info) noexcept;

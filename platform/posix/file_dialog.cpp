@@ -37,6 +37,8 @@ struct Answer {
 struct AnswerQueue {
   std::mutex lock;
   std::deque<Answer> answers;
+  std::u16string standingFolder;  // empty: no standing answer
+  bool standingReplace = false;
 };
 
 AnswerQueue& Answers() noexcept {
@@ -324,6 +326,47 @@ std::vector<std::u16string> SplitAnswer(std::u16string_view paths) {
   return parts;
 }
 
+struct StandingAnswer {
+  std::u16string folder;
+  bool replace = false;
+};
+
+std::optional<StandingAnswer> TakeStandingAnswer() {
+  AnswerQueue& queue = Answers();
+  const std::lock_guard<std::mutex> guard(queue.lock);
+  if (queue.standingFolder.empty()) return std::nullopt;
+  return StandingAnswer{queue.standingFolder, queue.standingReplace};
+}
+
+// Questions are put to the terminal one at a time.
+std::mutex& TerminalLock() {
+  static std::mutex lock;
+  return lock;
+}
+
+bool OnTerminal() { return isatty(STDIN_FILENO) == 1 && isatty(STDERR_FILENO) == 1; }
+
+// Answers a save question with its proposed name in the standing folder. False: refused.
+bool AnswerInFolder(const Question& question, const StandingAnswer& standing,
+                    std::vector<std::u16string>* paths) {
+  const std::u16string& proposed = question.Proposed();
+  const std::u16string_view name = std::u16string_view(proposed).substr(NameOffset(proposed));
+  if (name.empty()) return false;
+  std::u16string path = question.Resolve(Join(standing.folder, name));
+  if (path.empty()) return false;
+  if (!standing.replace && question.Has(OFN_OVERWRITEPROMPT) && KindOf(path) == Kind::kFile) {
+    if (!OnTerminal()) {
+      Say(stderr, path + u" already exists.\n");
+      return false;
+    }
+    Say(stderr, path + u" already exists.\nDo you want to replace it? (y/n) ");
+    const std::optional<std::u16string> reply = ReadLine(stdin);
+    if (!reply || !IsYes(*reply)) return false;
+  }
+  paths->push_back(std::move(path));
+  return true;
+}
+
 BOOL AskFileName(OpenFileNameW* ofn, bool save) noexcept {
   lastDialogError = 0;
   if (ofn == nullptr || ofn->lpstrFile == nullptr || ofn->nMaxFile == 0) {
@@ -345,9 +388,11 @@ BOOL AskFileName(OpenFileNameW* ofn, bool save) noexcept {
         paths.push_back(std::move(path));
         if (!question.MultiSelect()) break;
       }
-    } else if (isatty(STDIN_FILENO) == 1 && isatty(STDERR_FILENO) == 1) {
-      static std::mutex terminal;
-      const std::lock_guard<std::mutex> guard(terminal);
+    } else if (std::optional<StandingAnswer> standing = save ? TakeStandingAnswer() : std::nullopt) {
+      const std::lock_guard<std::mutex> guard(TerminalLock());
+      if (!AnswerInFolder(question, *standing, &paths)) return FALSE;
+    } else if (OnTerminal()) {
+      const std::lock_guard<std::mutex> guard(TerminalLock());
       if (!AskOnTerminal(question, stdin, stderr, &paths)) return FALSE;
     } else {
       return FALSE;
@@ -486,6 +531,18 @@ void ClearFileDialogAnswers() noexcept {
   AnswerQueue& queue = Answers();
   const std::lock_guard<std::mutex> guard(queue.lock);
   queue.answers.clear();
+}
+
+BOOL SetFileDialogFolderAnswer(std::u16string_view folder, BOOL replaceExisting) noexcept {
+  try {
+    AnswerQueue& queue = Answers();
+    const std::lock_guard<std::mutex> guard(queue.lock);
+    queue.standingFolder.assign(folder);
+    queue.standingReplace = replaceExisting != FALSE;
+    return TRUE;
+  } catch (...) {
+    return FALSE;
+  }
 }
 
 DWORD PendingFileDialogAnswers() noexcept {

@@ -437,5 +437,33 @@ TEST(TerminalDialog, UserAnswersNameTheFileOrCancel) {
   }
 }
 
+
+TEST_F(ConsoleDialogTest, StandingFolderAnswerTakesProposedNamesAndGuardsExistingFiles) {
+  folder_.Write("out/Taken.pdf", "old");
+  const std::u16string out = folder_.WidePathOf("out");
+  ASSERT_TRUE(SetFileDialogFolderAnswer(out, FALSE));
+  // The proposal's folder part is dropped; the default extension comes as for a typed name.
+  Propose(u"/elsewhere/Q3 Plan", folder_.WidePathOf(""), u"pdf", OFN_OVERWRITEPROMPT);
+  ASSERT_EQ(TRUE, GetSaveFileNameW(&ofn_));
+  EXPECT_EQ(folder_.WidePathOf("out/Q3 Plan.pdf"), Chosen());
+  // Without a terminal an existing file is refused, unless the answer allows replacing.
+  Propose(u"Taken.pdf", u"", u"pdf", OFN_OVERWRITEPROMPT);
+  EXPECT_EQ(FALSE, GetSaveFileNameW(&ofn_));
+  EXPECT_EQ(0u, CommDlgExtendedError());
+  ASSERT_TRUE(SetFileDialogFolderAnswer(out, TRUE));
+  ASSERT_EQ(TRUE, GetSaveFileNameW(&ofn_));
+  EXPECT_EQ(folder_.WidePathOf("out/Taken.pdf"), Chosen());
+  // Queued answers come first; open questions and empty proposals are not answered.
+  ASSERT_TRUE(QueueFileDialogAnswer(u"/queued/a.pdf"));
+  ASSERT_EQ(TRUE, GetSaveFileNameW(&ofn_));
+  EXPECT_EQ(u"/queued/a.pdf", Chosen());
+  Propose(u"Taken.pdf");
+  EXPECT_EQ(FALSE, GetOpenFileNameW(&ofn_));
+  Propose(u"");
+  EXPECT_EQ(FALSE, GetSaveFileNameW(&ofn_));
+  ASSERT_TRUE(SetFileDialogFolderAnswer(u"", FALSE));
+  Propose(u"Fresh.pdf");
+  EXPECT_EQ(FALSE, GetSaveFileNameW(&ofn_)) << "withdrawn: no terminal, so a cancel";
+}
 }  // namespace
 }  // namespace mrwl::platform

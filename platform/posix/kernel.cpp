@@ -134,6 +134,70 @@ HMODULE GetModuleHandleA(const char* name) noexcept {
   return nullptr;
 }
 
+namespace {
+thread_local std::string tLoadProblem;
+}  // namespace
+
+HMODULE LoadLibraryW(const char16_t* path) noexcept {
+  try {
+    tLoadProblem.clear();
+    if (path == nullptr || *path == 0) {
+      SetLastError(ERROR_INVALID_PARAMETER);
+      return nullptr;
+    }
+    const std::string name = posix::ToUtf8(path);
+    // A name without a folder would make the loader search the library path; the callers mean
+    // a file.
+    if (name.find('/') == std::string::npos) {
+      SetLastError(ERROR_MOD_NOT_FOUND);
+      return nullptr;
+    }
+    // The module's own objects stay its own (RTLD_LOCAL), as a Windows module's are.
+    void* handle = dlopen(name.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (handle != nullptr) return static_cast<HMODULE>(handle);
+    const char* why = dlerror();
+    tLoadProblem = why != nullptr ? why : "";
+    DWORD error = ERROR_MOD_NOT_FOUND;
+    if (tLoadProblem.find("undefined symbol") != std::string::npos) {
+      error = ERROR_PROC_NOT_FOUND;
+    } else if (tLoadProblem.find("invalid ELF header") != std::string::npos ||
+               tLoadProblem.find("wrong ELF class") != std::string::npos ||
+               tLoadProblem.find("file too short") != std::string::npos ||
+               tLoadProblem.find("not a dynamic") != std::string::npos) {
+      error = ERROR_BAD_EXE_FORMAT;
+    }
+    OutputDebugStringW(posix::FromUtf8("LoadLibraryW: " + tLoadProblem).c_str());
+    SetLastError(error);
+    return nullptr;
+  } catch (...) {
+    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    return nullptr;
+  }
+}
+
+void* GetProcAddress(HMODULE module, const char* name) noexcept {
+  if (module == nullptr || name == nullptr) {
+    SetLastError(ERROR_INVALID_HANDLE);
+    return nullptr;
+  }
+  (void)dlerror();
+  void* address = dlsym(module, name);
+  if (address == nullptr) SetLastError(ERROR_PROC_NOT_FOUND);
+  return address;
+}
+
+BOOL FreeLibrary(HMODULE module) noexcept {
+  if (module == nullptr || dlclose(module) != 0) {
+    SetLastError(ERROR_INVALID_HANDLE);
+    return FALSE;
+  }
+  return TRUE;
+}
+
+std::u16string GetModuleLoadProblem() {
+  return posix::FromUtf8(tLoadProblem);
+}
+
 bool ModuleExports(const char* module, const char* name) noexcept {
   if (module == nullptr || name == nullptr) return false;
   // Windows system modules do not exist here; only a real shared object can export anything.

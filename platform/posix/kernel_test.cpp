@@ -188,5 +188,36 @@ TEST(Kernel, DebugOutputGoesToStandardErrorOnlyWhenTraced) {
   EXPECT_EQ("shown \xC3\xA9\n", ::testing::internal::GetCapturedStderr());
 }
 
+
+TEST(Kernel, ModulesLoadByPathAndFailuresSayWhy) {
+  char16_t libc[4096];
+  // The process has the C library loaded; loading it by its path counts it once more.
+  const DWORD length =
+      GetModuleFileNameForAddress(reinterpret_cast<const void*>(&getpid), libc, 4096);
+  ASSERT_GT(length, 0u);
+  const HMODULE module = LoadLibraryW(libc);
+  ASSERT_NE(module, nullptr);
+  EXPECT_EQ(GetProcAddress(module, "getpid"), reinterpret_cast<void*>(&getpid));
+  SetLastError(0);
+  EXPECT_EQ(GetProcAddress(module, "NoSuchExport"), nullptr);
+  EXPECT_EQ(static_cast<DWORD>(ERROR_PROC_NOT_FOUND), GetLastError());
+  EXPECT_EQ(TRUE, FreeLibrary(module));
+
+  testing::TempFolder folder;
+  const std::string text = folder.Write("text.so", "not a module");
+  const struct {
+    std::u16string path;
+    DWORD error;
+  } cases[] = {{u"libc.so.6", ERROR_MOD_NOT_FOUND},
+               {posix::FromUtf8(folder.PathOf("absent.so")), ERROR_MOD_NOT_FOUND},
+               {posix::FromUtf8(text), ERROR_BAD_EXE_FORMAT}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(posix::ToUtf8(c.path));
+    SetLastError(0);
+    EXPECT_EQ(LoadLibraryW(c.path.c_str()), nullptr);
+    EXPECT_EQ(c.error, GetLastError());
+  }
+  EXPECT_NE(GetModuleLoadProblem().find(u"text.so"), std::u16string::npos);
+}
 }  // namespace
 }  // namespace mrwl::platform

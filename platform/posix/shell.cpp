@@ -4,6 +4,7 @@
 #include "platform/shell.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cctype>
 #include <cerrno>
 #include <chrono>
@@ -595,15 +596,32 @@ char16_t** CommandLineToArgvW(const char16_t* commandLine, int* count) noexcept 
   }
 }
 
+namespace {
+std::atomic<ShellExecuteObserver> gObserver{nullptr};
+std::atomic<void*> gObserverContext{nullptr};
+}  // namespace
+
+void SetShellExecuteObserver(ShellExecuteObserver observer, void* context) noexcept {
+  gObserverContext.store(context);
+  gObserver.store(observer);
+}
+
 HINSTANCE ShellExecuteW(HWND owner, const char16_t* verb, const char16_t* file,
                         const char16_t* parameters, const char16_t* directory, int show) noexcept {
   (void)owner;
   (void)show;
+  HINSTANCE result;
   try {
-    return AsInstance(ShellExecuteCore(verb, file, parameters, directory));
+    result = AsInstance(ShellExecuteCore(verb, file, parameters, directory));
   } catch (...) {
-    return AsInstance(Fail(SE_ERR_OOM, ERROR_NOT_ENOUGH_MEMORY));
+    result = AsInstance(Fail(SE_ERR_OOM, ERROR_NOT_ENOUGH_MEMORY));
   }
+  if (const ShellExecuteObserver observer = gObserver.load()) {
+    const DWORD error = GetLastError();
+    observer(gObserverContext.load(), file, parameters, result);
+    SetLastError(error);
+  }
+  return result;
 }
 
 BOOL ShellExecuteExW(ShellExecuteInfoW* info) noexcept {

@@ -280,5 +280,29 @@ TEST(ShellFileInfo, ReportsFolderAttributes) {
   EXPECT_EQ(SHGetFileInfoW(u"/no/such/place", 0, &info, sizeof info, SHGFI_ATTRIBUTES), 0u);
 }
 
+
+TEST_F(ShellTest, ObserverSeesEveryStartWithItsResult) {
+  struct Seen {
+    std::vector<std::pair<std::u16string, std::uintptr_t>> starts;
+    static void Note(void* context, const char16_t* file, const char16_t*, HINSTANCE result) {
+      static_cast<Seen*>(context)->starts.emplace_back(
+          file, reinterpret_cast<std::uintptr_t>(result));
+    }
+  } seen;
+  const std::string record = temp_.PathOf("run.txt");
+  const std::string program = temp_.Write("prog.sh", testing::RecorderScript(record), true);
+  SetShellExecuteObserver(&Seen::Note, &seen);
+  const std::intptr_t started = Run(nullptr, program, u"a");
+  SetLastError(0);
+  EXPECT_EQ(Run(nullptr, temp_.PathOf("absent"), u"a"), 2);
+  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_FILE_NOT_FOUND)) << "kept across the call";
+  SetShellExecuteObserver(nullptr, nullptr);
+  (void)Run(nullptr, program, u"b");
+  ASSERT_EQ(seen.starts.size(), 2u);
+  EXPECT_EQ(seen.starts[0].first, posix::FromUtf8(program));
+  EXPECT_EQ(seen.starts[0].second, static_cast<std::uintptr_t>(started));
+  EXPECT_EQ(seen.starts[1].second, 2u);
+  (void)testing::WaitForLines(record);
+}
 }  // namespace
 }  // namespace mrwl::platform
