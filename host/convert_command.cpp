@@ -27,6 +27,7 @@ namespace fs = std::filesystem;
 
 constexpr char16_t kConvertLabel[] = u"Convert to PDF";
 constexpr char16_t kPortfolioLabel[] = u"Convert to PDF portfolio";
+constexpr char16_t kUntitled[] = u"Untitled";
 
 struct ConvertOptions {
   bool portfolio = false;
@@ -119,8 +120,9 @@ bool PrepareSaveAnswer(const ConvertOptions& options) {
       Report(folder + " is not a folder.");
       return false;
     }
+    // A mail without a subject proposes no name; a person would type one.
     return platform::SetFileDialogFolderAnswer(platform::Utf8ToUtf16(folder),
-                                               options.replace ? TRUE : FALSE) != FALSE;
+                                               options.replace ? TRUE : FALSE, kUntitled) != FALSE;
   }
   return true;
 }

@@ -124,20 +124,28 @@ TEST_F(ConvertCommand, PlainRunConvertsEachMailUnderItsProposedName) {
   InstallConverter();
   const Outcome outcome =
       Run({"convert", "-d", folder_.PathOf("out"), WriteMail("a.eml", Mail("Re: Q3 report")),
-           WriteMail("b.eml", Mail("Minutes"))});
+           WriteMail("b.eml", Mail("Minutes")), WriteMail("c.eml", Mail("Minutes")),
+           WriteMail("d.eml", Mail(""))});
   EXPECT_EQ(outcome.status, 0) << outcome.err;
   EXPECT_EQ(outcome.err, "");
+  EXPECT_EQ(outcome.out,
+            "Converter started (1)\nConverter started (2)\nConverter started (3)\n"
+            "Converter started (4)\n");
   std::vector<std::u16string> outputs;
-  for (const auto& handoff : Handoffs(2)) {
+  for (const auto& handoff : Handoffs(4)) {
     ASSERT_EQ(handoff.jobs.size(), 1u);
     EXPECT_FALSE(handoff.portfolio);
     EXPECT_TRUE(fs::exists(platform::Utf16ToUtf8(handoff.jobs[0].page)));
     outputs.push_back(handoff.jobs[0].output);
   }
   std::sort(outputs.begin(), outputs.end());
-  EXPECT_EQ(outputs, (std::vector<std::u16string>{
-                         platform::Utf8ToUtf16(folder_.PathOf("out/Minutes.pdf")),
-                         platform::Utf8ToUtf16(folder_.PathOf("out/Re Q3 report.pdf"))}));
+  // Mails of one subject get numbered names, and one without a subject a name of its own.
+  std::vector<std::u16string> expected;
+  for (const char* name :
+       {"out/Minutes (2).pdf", "out/Minutes.pdf", "out/Re Q3 report.pdf", "out/Untitled.pdf"}) {
+    expected.push_back(platform::Utf8ToUtf16(folder_.PathOf(name)));
+  }
+  EXPECT_EQ(outputs, expected);
 }
 
 TEST_F(ConvertCommand, PortfolioTakesFolderUserAndEveryItemWithBareAttachmentNames) {

@@ -245,6 +245,13 @@ StructuredField FieldOf(GMimeObject* object, std::string_view header) {
 std::string MimeTypeOf(GMimeObject* object) {
   GMimeContentType* type = g_mime_object_get_content_type(object);
   if (type == nullptr) return "application/octet-stream";
+  // GMime makes a type without subtype application/octet-stream; a bare "text" is plain text, as
+  // any invalid Content-Type of a text is.
+  if (const std::optional<std::string> raw = RawHeader(object, "Content-Type")) {
+    std::string_view media = *raw;
+    media = Trim(media.substr(0, media.find(';')));
+    if (Lower(media) == "text") return "text/plain";
+  }
   const char* media = g_mime_content_type_get_media_type(type);
   const char* subtype = g_mime_content_type_get_media_subtype(type);
   return Lower(std::string(media != nullptr ? media : "application") + "/" +
@@ -771,7 +778,9 @@ TextKind BodyKindOf(GMimeObject* object) {
 struct BodyChoice {
   GMimeObject* html = nullptr;
   GMimeObject* text = nullptr;
-  std::vector<GMimeObject*> discarded;  // text alternatives not shown and not attachments
+  // Alternatives not shown and not attachments: the other renderings of the body, a meeting's
+  // calendar among them.
+  std::vector<GMimeObject*> discarded;
 };
 
 bool ChooseBody(GMimeObject* object, BodyChoice& choice, int depth) {
@@ -796,10 +805,10 @@ bool ChooseBody(GMimeObject* object, BodyChoice& choice, int depth) {
     // The last alternative is the richest; HTML wins over text as mail clients show it.
     std::optional<BodyChoice> html;
     std::optional<BodyChoice> text;
-    std::vector<GMimeObject*> textLeaves;
+    std::vector<GMimeObject*> leaves;
     for (int i = 0; i < count; ++i) {
       GMimeObject* child = g_mime_multipart_get_part(multipart, i);
-      if (BodyKindOf(child) != TextKind::kNone) textLeaves.push_back(child);
+      if (GMIME_IS_PART(child) && !IsAttachment(child)) leaves.push_back(child);
       BodyChoice candidate;
       if (!ChooseBody(child, candidate, depth + 1)) continue;
       if (candidate.html != nullptr) {
@@ -811,7 +820,7 @@ bool ChooseBody(GMimeObject* object, BodyChoice& choice, int depth) {
     if (!html && !text) return false;
     choice = html ? std::move(*html) : std::move(*text);
     if (html && text && choice.text == nullptr) choice.text = text->text;
-    for (GMimeObject* leaf : textLeaves) {
+    for (GMimeObject* leaf : leaves) {
       if (leaf != choice.html && leaf != choice.text) choice.discarded.push_back(leaf);
     }
     return true;

@@ -50,8 +50,8 @@ struct Mailbox {
 // and addr-spec forms, quoted strings, comments (a comment stands in as the name when there is no
 // other, as in "ann@x.org (Ann Lee)"), groups (their members are listed, the group's name not;
 // a group without members, as "undisclosed-recipients:;", stands as its name without an
-// address), obsolete routes, encoded words in names. Never fails: what cannot be parsed becomes a mailbox
-// with the text as its name.
+// address), obsolete routes, encoded words in names. Never fails: what cannot be parsed becomes a
+// mailbox with the text as its name.
 [[nodiscard]] std::vector<Mailbox> ParseAddressList(std::string_view raw);
 
 // An address field as Outlook shows it in To, CC and BCC: each mailbox by its name, or by its

@@ -453,13 +453,17 @@ BOOL QueueFileDialogCancel() noexcept;
 // Drops the answers not yet taken.
 void ClearFileDialogAnswers() noexcept;
 // Sets the standing answer for the save questions that no queued answer meets: each is answered
-// with the name it proposes (its last component, with the default extension added) in `folder`.
-// A name that exists already is taken when `replaceExisting`; otherwise the question goes to the
-// terminal when there is one, and without one it is refused (FALSE, CommDlgExtendedError() 0)
-// with the line "PATH already exists." on standard error. Open questions, and questions that
-// propose no name, are not answered by it. An empty `folder` withdraws the standing answer. FALSE
-// only when memory runs out.
-BOOL SetFileDialogFolderAnswer(std::u16string_view folder, BOOL replaceExisting) noexcept;
+// with the name it proposes (its last component, with the default extension added) in `folder`,
+// or with `nameForEmpty` when it proposes none. A name this standing answer gave before is not
+// given again: the next free of "NAME (2).EXT", "NAME (3).EXT", ... is, so that mails of one
+// subject do not overwrite each other. A name that exists already is taken when
+// `replaceExisting`; otherwise the question goes to the terminal when there is one, and without
+// one it is refused (FALSE, CommDlgExtendedError() 0) with the line "PATH already exists." on
+// standard error. Open questions are not answered by it, nor are questions that propose no name
+// when `nameForEmpty` is empty. An empty `folder` withdraws the standing answer. FALSE only when
+// memory runs out.
+BOOL SetFileDialogFolderAnswer(std::u16string_view folder, BOOL replaceExisting,
+                               std::u16string_view nameForEmpty = {}) noexcept;
 // The number of answers not yet taken.
 [[nodiscard]] DWORD PendingFileDialogAnswers() noexcept;
 

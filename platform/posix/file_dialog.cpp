@@ -12,6 +12,7 @@
 #include <deque>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -39,6 +40,8 @@ struct AnswerQueue {
   std::deque<Answer> answers;
   std::u16string standingFolder;  // empty: no standing answer
   bool standingReplace = false;
+  std::u16string standingNameForEmpty;
+  std::set<std::u16string> standingGiven;  // the paths the standing answer has given
 };
 
 AnswerQueue& Answers() noexcept {
@@ -329,13 +332,21 @@ std::vector<std::u16string> SplitAnswer(std::u16string_view paths) {
 struct StandingAnswer {
   std::u16string folder;
   bool replace = false;
+  std::u16string nameForEmpty;
 };
 
 std::optional<StandingAnswer> TakeStandingAnswer() {
   AnswerQueue& queue = Answers();
   const std::lock_guard<std::mutex> guard(queue.lock);
   if (queue.standingFolder.empty()) return std::nullopt;
-  return StandingAnswer{queue.standingFolder, queue.standingReplace};
+  return StandingAnswer{queue.standingFolder, queue.standingReplace, queue.standingNameForEmpty};
+}
+
+// Notes `path` as given by the standing answer; false when it was given before.
+bool NoteGiven(const std::u16string& path) {
+  AnswerQueue& queue = Answers();
+  const std::lock_guard<std::mutex> guard(queue.lock);
+  return queue.standingGiven.insert(path).second;
 }
 
 // Questions are put to the terminal one at a time.
@@ -346,14 +357,24 @@ std::mutex& TerminalLock() {
 
 bool OnTerminal() { return isatty(STDIN_FILENO) == 1 && isatty(STDERR_FILENO) == 1; }
 
+// `path` with " (n)" before its extension.
+std::u16string Numbered(const std::u16string& path, int n) {
+  std::size_t cut = ExtensionOffset(path);
+  cut = cut == path.npos ? path.size() : cut - 1;
+  return path.substr(0, cut) + u" (" + posix::FromUtf8(std::to_string(n)) + u")" + path.substr(cut);
+}
+
 // Answers a save question with its proposed name in the standing folder. False: refused.
 bool AnswerInFolder(const Question& question, const StandingAnswer& standing,
                     std::vector<std::u16string>* paths) {
   const std::u16string& proposed = question.Proposed();
-  const std::u16string_view name = std::u16string_view(proposed).substr(NameOffset(proposed));
+  std::u16string_view name = std::u16string_view(proposed).substr(NameOffset(proposed));
+  if (name.empty()) name = standing.nameForEmpty;
   if (name.empty()) return false;
-  std::u16string path = question.Resolve(Join(standing.folder, name));
-  if (path.empty()) return false;
+  const std::u16string first = question.Resolve(Join(standing.folder, name));
+  if (first.empty()) return false;
+  std::u16string path = first;
+  for (int n = 2; !NoteGiven(path); ++n) path = Numbered(first, n);
   if (!standing.replace && question.Has(OFN_OVERWRITEPROMPT) && KindOf(path) == Kind::kFile) {
     if (!OnTerminal()) {
       Say(stderr, path + u" already exists.\n");
@@ -533,12 +554,15 @@ void ClearFileDialogAnswers() noexcept {
   queue.answers.clear();
 }
 
-BOOL SetFileDialogFolderAnswer(std::u16string_view folder, BOOL replaceExisting) noexcept {
+BOOL SetFileDialogFolderAnswer(std::u16string_view folder, BOOL replaceExisting,
+                               std::u16string_view nameForEmpty) noexcept {
   try {
     AnswerQueue& queue = Answers();
     const std::lock_guard<std::mutex> guard(queue.lock);
     queue.standingFolder.assign(folder);
     queue.standingReplace = replaceExisting != FALSE;
+    queue.standingNameForEmpty.assign(nameForEmpty);
+    queue.standingGiven.clear();
     return TRUE;
   } catch (...) {
     return FALSE;

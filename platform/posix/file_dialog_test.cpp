@@ -461,6 +461,16 @@ TEST_F(ConsoleDialogTest, StandingFolderAnswerTakesProposedNamesAndGuardsExistin
   EXPECT_EQ(FALSE, GetOpenFileNameW(&ofn_));
   Propose(u"");
   EXPECT_EQ(FALSE, GetSaveFileNameW(&ofn_));
+  // A name given once is numbered the next time; an empty proposal takes the fallback name.
+  ASSERT_TRUE(SetFileDialogFolderAnswer(out, FALSE, u"Untitled"));
+  for (const char* expected : {"out/Minutes.pdf", "out/Minutes (2).pdf", "out/Minutes (3).pdf"}) {
+    Propose(u"Minutes", u"", u"pdf", OFN_OVERWRITEPROMPT);
+    ASSERT_EQ(TRUE, GetSaveFileNameW(&ofn_));
+    EXPECT_EQ(folder_.WidePathOf(expected), Chosen());
+  }
+  Propose(u"", u"", u"pdf");
+  ASSERT_EQ(TRUE, GetSaveFileNameW(&ofn_));
+  EXPECT_EQ(folder_.WidePathOf("out/Untitled.pdf"), Chosen());
   ASSERT_TRUE(SetFileDialogFolderAnswer(u"", FALSE));
   Propose(u"Fresh.pdf");
   EXPECT_EQ(FALSE, GetSaveFileNameW(&ofn_)) << "withdrawn: no terminal, so a cancel";
