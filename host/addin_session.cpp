@@ -88,9 +88,10 @@ std::u16string AddinModulePath() {
   const DWORD length = platform::GetEnvironmentVariableW(u"MRWL_ADDIN", buffer,
                                                          static_cast<DWORD>(std::size(buffer)));
   if (length > 0 && length < std::size(buffer)) return std::u16string(buffer, length);
-  // The program's own folder: the main program holds this code.
+  // The folder of the program: the file that holds this code.
   const DWORD self =
-      platform::GetModuleFileNameForAddress(nullptr, buffer, static_cast<DWORD>(std::size(buffer)));
+      platform::GetModuleFileNameForAddress(reinterpret_cast<const void*>(&AddinModulePath), buffer,
+                                            static_cast<DWORD>(std::size(buffer)));
   std::u16string path(buffer, self < std::size(buffer) ? self : 0);
   path.erase(path.find_last_of(u'/') == std::u16string::npos ? 0 : path.find_last_of(u'/') + 1);
   return path + platform::Utf8ToUtf16(kModuleFileName);

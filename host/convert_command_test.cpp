@@ -28,12 +28,6 @@ struct Outcome {
   std::string err;
 };
 
-std::string Quote(const std::string& text) {
-  std::string quoted = "'";
-  for (char c : text) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return quoted + "'";
-}
-
 std::string Mail(const std::string& subject, const std::string& extraHeaders = "") {
   return "From: Ann Lee <ann@example.org>\r\nTo: Bob Stone <bob@example.org>\r\nSubject: " +
          subject + "\r\nDate: Mon, 23 Nov 2026 09:15:00 +0000\r\n" + extraHeaders +
@@ -67,7 +61,7 @@ class ConvertCommand : public ::testing::Test {
   // in a record of its own.
   void InstallConverter() {
     const std::string script =
-        "#!/bin/sh\nr=" + Quote(folder_.PathOf("records")) +
+        "#!/bin/sh\nr=" + testing::ShellQuote(folder_.PathOf("records")) +
         "/start.$$\nprintf '%s\\n' \"$@\" > \"$r.part\"\nmv \"$r.part\" \"$r\"\n";
     const std::string path = folder_.Write("module/HtmlToPdfApp", script);
     fs::permissions(path, fs::perms::owner_all);
@@ -77,14 +71,18 @@ class ConvertCommand : public ::testing::Test {
     return folder_.Write("Inbox/" + name, text);
   }
 
-  Outcome Run(const Args& args, const std::string& user = "") {
-    std::string command = "MRWL_ADDIN=" + Quote(folder_.PathOf("module/libmrwl-addin.so")) +
-                          " MRWL_REGISTRY=" + Quote(folder_.PathOf("hive.db")) +
-                          " TMPDIR=" + Quote(folder_.PathOf("temp")) +
-                          " MRWL_USER_ADDRESS=" + Quote(user) + " EMAIL= " + Quote(program_);
-    for (const std::string& arg : args) command += " " + Quote(arg);
-    command +=
-        " </dev/null >" + Quote(folder_.PathOf("stdout")) + " 2>" + Quote(folder_.PathOf("stderr"));
+  // Runs mrwl with the module copy, or with `module` empty the module beside the program.
+  Outcome Run(const Args& args, const std::string& user = "",
+              const std::string& module = "module/libmrwl-addin.so") {
+    std::string command =
+        "MRWL_ADDIN=" + testing::ShellQuote(module.empty() ? "" : folder_.PathOf(module)) +
+        " MRWL_REGISTRY=" + testing::ShellQuote(folder_.PathOf("hive.db")) +
+        " TMPDIR=" + testing::ShellQuote(folder_.PathOf("temp")) +
+        " MRWL_USER_ADDRESS=" + testing::ShellQuote(user) +
+        " EMAIL= " + testing::ShellQuote(program_);
+    for (const std::string& arg : args) command += " " + testing::ShellQuote(arg);
+    command += " </dev/null >" + testing::ShellQuote(folder_.PathOf("stdout")) + " 2>" +
+               testing::ShellQuote(folder_.PathOf("stderr"));
     const int raw = std::system(command.c_str());
     return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, folder_.Read("stdout"), folder_.Read("stderr")};
   }
@@ -216,10 +214,16 @@ TEST_F(ConvertCommand, FailuresAreReportedWithNonZeroStatus) {
   EXPECT_NE(outcome.err.find("missing.eml"), std::string::npos);
 }
 
-TEST_F(ConvertCommand, ModuleThatIsNoAddinIsNamed) {
+TEST_F(ConvertCommand, ModuleBesideTheProgramLoadsAndOneThatIsNoAddinIsNamed) {
+  // A contact alone: the module beside mrwl is loaded and clicked, and passes the item by.
+  const std::string card = WriteMail("card.vcf", "BEGIN:VCARD\r\nFN:Ann Lee\r\nEND:VCARD\r\n");
+  Outcome outcome = Run({"convert", "-d", folder_.PathOf("out"), card}, "", "");
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_EQ(outcome.err, "mrwl: " + card +
+                             " is a contact or calendar entry, not a mail; it is not converted.\n");
+
   folder_.Write("module/libmrwl-addin.so", "not a module");
-  const Outcome outcome =
-      Run({"convert", "-d", folder_.PathOf("out"), WriteMail("a.eml", Mail("x"))});
+  outcome = Run({"convert", "-d", folder_.PathOf("out"), WriteMail("a.eml", Mail("x"))});
   EXPECT_EQ(outcome.status, 1);
   EXPECT_NE(outcome.err.find("Cannot load the add-in module " +
                              folder_.PathOf("module/libmrwl-addin.so")),

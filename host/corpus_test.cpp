@@ -24,6 +24,7 @@
 #include <gtest/gtest.h>
 
 #include "conversion/handoff_test_support.h"
+#include "host/mime_text.h"
 #include "platform/utf.h"
 #include "testing/temp_folder.h"
 
@@ -69,12 +70,6 @@ struct RunResult {
   std::vector<ConverterStart> starts;
 };
 
-std::string Quote(std::string_view text) {
-  std::string quoted = "'";
-  for (char c : text) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return quoted + "'";
-}
-
 std::string ReadBytes(const fs::path& path) {
   std::ifstream in(path, std::ios::binary);
   return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
@@ -83,7 +78,7 @@ std::string ReadBytes(const fs::path& path) {
 // Runs `command` through the shell and answers its exit status; the shell itself writes the
 // status to a file, so the test needs no process headers.
 int RunShell(const std::string& command, const fs::path& statusFile) {
-  const std::string line = "(" + command + "); echo $? > " + Quote(statusFile.string());
+  const std::string line = "(" + command + "); echo $? > " + testing::ShellQuote(statusFile.string());
   if (std::system(line.c_str()) == -1) return -1;
   std::istringstream in(ReadBytes(statusFile));
   int status = -1;
@@ -111,10 +106,10 @@ std::vector<std::string> SplitFields(std::string_view line) {
 // Asks Python's email package about `files` and answers its facts by path.
 std::map<std::string, Expected> ReadReference(const std::vector<std::string>& files,
                                               const testing::TempFolder& folder) {
-  std::string command = "python3 " + Quote(MRWL_SOURCE_DIR "/host/testdata/corpus_reference.py");
-  for (const std::string& file : files) command += " " + Quote(file);
-  command += " > " + Quote(folder.PathOf("reference.tsv")) + " 2> " +
-             Quote(folder.PathOf("reference.err"));
+  std::string command = "python3 " + testing::ShellQuote(MRWL_SOURCE_DIR "/host/testdata/corpus_reference.py");
+  for (const std::string& file : files) command += " " + testing::ShellQuote(file);
+  command += " > " + testing::ShellQuote(folder.PathOf("reference.tsv")) + " 2> " +
+             testing::ShellQuote(folder.PathOf("reference.err"));
   const int status = RunShell(command, folder.PathOf("reference.status"));
   EXPECT_EQ(status, 0) << "the reference script failed: " << folder.Read("reference.err");
 
@@ -181,44 +176,12 @@ bool IsWellFormedUtf8(std::string_view text) {
   return true;
 }
 
-std::string Lower(std::string_view text) {
-  std::string lower(text);
-  for (char& c : lower) c = (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
-  return lower;
-}
-
 // `text` without any blank, tab or line end: folding and wrapping may differ between two readers
 // of one header, the characters may not.
 std::string WithoutWhitespace(std::string_view text) {
   std::string out;
   for (char c : text) {
     if (c != ' ' && c != '\t' && c != '\r' && c != '\n') out += c;
-  }
-  return out;
-}
-
-std::string EscapeForHtml(std::string_view text) {
-  std::string out;
-  for (char c : text) {
-    switch (c) {
-      case '&':
-        out += "&amp;";
-        break;
-      case '<':
-        out += "&lt;";
-        break;
-      case '>':
-        out += "&gt;";
-        break;
-      case '"':
-        out += "&quot;";
-        break;
-      case '\'':
-        out += "&#39;";
-        break;
-      default:
-        out += c;
-    }
   }
   return out;
 }
@@ -240,13 +203,13 @@ std::string SearchablePage(std::string_view page) {
 
 // The <meta> elements of `page` that declare a charset, as written.
 std::vector<std::string> CharsetDeclarations(const std::string& page) {
-  const std::string lower = Lower(page);
+  const std::string lower = host::AsciiLower(page);
   std::vector<std::string> declarations;
   for (std::size_t at = lower.find("<meta"); at != std::string::npos;
        at = lower.find("<meta", at + 1)) {
     const std::size_t end = lower.find('>', at);
     const std::string element = page.substr(at, end == std::string::npos ? end : end + 1 - at);
-    if (Lower(element).find("charset") != std::string::npos) declarations.push_back(element);
+    if (host::AsciiLower(element).find("charset") != std::string::npos) declarations.push_back(element);
   }
   return declarations;
 }
@@ -256,7 +219,7 @@ std::vector<std::string> CharsetDeclarations(const std::string& page) {
 // written, and text a broken mail puts before its <html> stays where it is.
 void ExpectWellFormedPage(const std::string& page) {
   EXPECT_TRUE(IsWellFormedUtf8(page)) << "the page is not UTF-8";
-  const std::string lower = Lower(page);
+  const std::string lower = host::AsciiLower(page);
   const std::size_t head = lower.find("<head");
   ASSERT_NE(head, std::string::npos) << page.substr(0, 80);
   const std::size_t headEnd = lower.find('>', head) + 1;
@@ -316,7 +279,7 @@ class MailConversion : public ::testing::Test {
                     std::size_t expectedStarts) {
     const fs::path records = folder_.path() / ("records" + std::to_string(++runs_));
     fs::create_directories(records);
-    const std::string recordsQuoted = Quote(records.string());
+    const std::string recordsQuoted = testing::ShellQuote(records.string());
     (void)folder_.Write("module/HtmlToPdfApp",
                         "#!/bin/sh\n"
                         "# Stands in for the converter: keeps its arguments and a copy of the\n"
@@ -333,14 +296,14 @@ class MailConversion : public ::testing::Test {
                             recordsQuoted + "/$$.args\n",
                         /*executable=*/true);
 
-    std::string command = "env MRWL_ADDIN=" + Quote(folder_.PathOf("module/libmrwl-addin.so")) +
-                          " MRWL_REGISTRY=" + Quote(folder_.PathOf("registry.db")) +
-                          " TMPDIR=" + Quote(store_.string()) +
-                          " MRWL_USER_ADDRESS=" + Quote(kUserAddress) + " " +
-                          Quote(program_.string()) + " convert";
-    for (const std::string& option : options) command += " " + Quote(option);
-    for (const std::string& mail : mails) command += " " + Quote(mail);
-    command += " < /dev/null > /dev/null 2> " + Quote(folder_.PathOf("mrwl.err"));
+    std::string command = "env MRWL_ADDIN=" + testing::ShellQuote(folder_.PathOf("module/libmrwl-addin.so")) +
+                          " MRWL_REGISTRY=" + testing::ShellQuote(folder_.PathOf("registry.db")) +
+                          " TMPDIR=" + testing::ShellQuote(store_.string()) +
+                          " MRWL_USER_ADDRESS=" + testing::ShellQuote(kUserAddress) + " " +
+                          testing::ShellQuote(program_.string()) + " convert";
+    for (const std::string& option : options) command += " " + testing::ShellQuote(option);
+    for (const std::string& mail : mails) command += " " + testing::ShellQuote(mail);
+    command += " < /dev/null > /dev/null 2> " + testing::ShellQuote(folder_.PathOf("mrwl.err"));
 
     RunResult result;
     result.status = RunShell(command, folder_.path() / "mrwl.status");
@@ -384,13 +347,13 @@ class MailConversion : public ::testing::Test {
 
     const std::string searchable = SearchablePage(html);
     if (expected.subject && !WithoutWhitespace(*expected.subject).empty()) {
-      EXPECT_NE(searchable.find(WithoutWhitespace(EscapeForHtml(*expected.subject))),
+      EXPECT_NE(searchable.find(WithoutWhitespace(host::EscapeHtml(*expected.subject))),
                 std::string::npos)
           << "subject \"" << *expected.subject << "\" not on the page";
     }
     for (const std::string& sender : {expected.fromName, expected.fromAddress}) {
       if (WithoutWhitespace(sender).empty()) continue;
-      EXPECT_NE(searchable.find(WithoutWhitespace(EscapeForHtml(sender))), std::string::npos)
+      EXPECT_NE(searchable.find(WithoutWhitespace(host::EscapeHtml(sender))), std::string::npos)
           << "sender \"" << sender << "\" not on the page";
     }
 
@@ -455,7 +418,7 @@ class MailConversion : public ::testing::Test {
     }
     EXPECT_EQ(files.size(), pictures.size());
     for (const std::string& contentId : pictures) {
-      EXPECT_EQ(Lower(html).find("cid:" + Lower(contentId)), std::string::npos)
+      EXPECT_EQ(host::AsciiLower(html).find("cid:" + host::AsciiLower(contentId)), std::string::npos)
           << "the page still points at cid:" << contentId;
     }
   }

@@ -29,76 +29,19 @@ void KeepForProcessLifetime(IUnknown* window) {
 
 }  // namespace
 
-// --- Connection points --------------------------------------------------------------------------
-
-HRESULT HostConnectionPoint::GetConnectionInterface(IID* iid) {
-  if (iid == nullptr) return E_POINTER;
-  *iid = iid_;
-  return S_OK;
-}
-
-HRESULT HostConnectionPoint::GetConnectionPointContainer(IConnectionPointContainer** container) {
-  if (container != nullptr) *container = nullptr;
-  return E_NOTIMPL;
-}
-
-HRESULT HostConnectionPoint::Advise(IUnknown* sink, DWORD* cookie) {
-  if (sink == nullptr || cookie == nullptr) return E_POINTER;
-  ComPtr<IDispatch> events;
-  if (FAILED(sink->QueryInterface(iid_, events.put_void())) || !events) {
-    return CONNECT_E_CANNOTCONNECT;
-  }
-  *cookie = nextCookie_++;
-  sinks_.emplace_back(*cookie, std::move(events));
-  return S_OK;
-}
-
-HRESULT HostConnectionPoint::Unadvise(DWORD cookie) {
-  const auto found = std::find_if(sinks_.begin(), sinks_.end(),
-                                  [cookie](const auto& sink) { return sink.first == cookie; });
-  if (found == sinks_.end()) return CONNECT_E_NOCONNECTION;
-  sinks_.erase(found);
-  return S_OK;
-}
-
-HRESULT HostConnectionPoint::EnumConnections(IEnumConnections** connections) {
-  if (connections != nullptr) *connections = nullptr;
-  return E_NOTIMPL;
-}
-
-HRESULT HostConnectionPoint::Raise(DISPID dispid, IDispatch* argument) {
-  VARIANT value;
-  VariantInit(&value);
-  if (argument != nullptr) {
-    value.vt = VT_DISPATCH;
-    value.pdispVal = argument;
-  }
-  DISPPARAMS params{&value, nullptr, argument != nullptr ? 1u : 0u, 0};
-  HRESULT result = S_OK;
-  // A sink may unadvise itself while it handles the event: deliver to a copy of the list.
-  const auto sinks = sinks_;
-  for (const auto& [cookie, sink] : sinks) {
-    const HRESULT delivered =
-        sink->Invoke(dispid, IID_NULL, 0, DISPATCH_METHOD, &params, nullptr, nullptr, nullptr);
-    if (FAILED(delivered) && SUCCEEDED(result)) result = delivered;
-  }
-  return result;
-}
-
 // --- Windows -------------------------------------------------------------------------------------
 
 template <typename Collection, typename Window>
 HRESULT HostWindows<Collection, Window>::Open(const ComPtr<Window>& window) {
   windows_.push_back(window);
   KeepForProcessLifetime(window.get());
-  return this->Events().Raise(opened_, window.get());
+  return this->Events().Raise(opened_, {DispatchArgument(window.get())});
 }
 
 template <typename Collection, typename Window>
 HRESULT HostWindows<Collection, Window>::Close(const ComPtr<Window>& window,
-                                               IConnectionPoint& windowEvents) {
-  const HRESULT result =
-      static_cast<HostConnectionPoint&>(windowEvents).Raise(outlook::DISPID_Close);
+                                               ConnectionPoint& windowEvents) {
+  const HRESULT result = windowEvents.Raise(outlook::DISPID_Close);
   windows_.erase(
       std::remove_if(windows_.begin(), windows_.end(),
                      [&window](const ComPtr<Window>& open) { return open.get() == window.get(); }),

@@ -16,57 +16,18 @@
 #include "platform/com.h"
 #include "platform/com_object.h"
 #include "platform/com_ptr.h"
+#include "platform/connection_point.h"
 #include "platform/office.h"
 #include "platform/outlook.h"
 
 namespace mrwl::host {
 
-// One outgoing interface: sinks advised by cookie, events delivered through their Invoke.
-class HostConnectionPoint final : public ComObject<IConnectionPoint> {
- public:
-  explicit HostConnectionPoint(const IID& events) : iid_(events) {}
-
-  HRESULT STDMETHODCALLTYPE GetConnectionInterface(IID* iid) override;
-  HRESULT STDMETHODCALLTYPE GetConnectionPointContainer(IConnectionPointContainer**) override;
-  HRESULT STDMETHODCALLTYPE Advise(IUnknown* sink, DWORD* cookie) override;
-  HRESULT STDMETHODCALLTYPE Unadvise(DWORD cookie) override;
-  HRESULT STDMETHODCALLTYPE EnumConnections(IEnumConnections** connections) override;
-
-  // Delivers event `dispid` with one object argument, or none, to every sink in the order of
-  // advising. Returns the first failure of a sink, else S_OK.
-  HRESULT Raise(DISPID dispid, IDispatch* argument = nullptr);
-  [[nodiscard]] const IID& EventsIid() const noexcept { return iid_; }
-  [[nodiscard]] std::size_t SinkCount() const noexcept { return sinks_.size(); }
-
- private:
-  IID iid_;
-  DWORD nextCookie_ = 1;
-  std::vector<std::pair<DWORD, ComPtr<IDispatch>>> sinks_;
-};
-
 // An object of interface `Interface` that raises the events of one connection point.
 template <typename Interface>
-class HostEventSource : public ComObject<Interface, IConnectionPointContainer> {
- public:
-  HRESULT STDMETHODCALLTYPE EnumConnectionPoints(IEnumConnectionPoints** points) override {
-    if (points != nullptr) *points = nullptr;
-    return E_NOTIMPL;
-  }
-  HRESULT STDMETHODCALLTYPE FindConnectionPoint(REFIID iid, IConnectionPoint** point) override {
-    if (point == nullptr) return E_POINTER;
-    *point = nullptr;
-    if (!IsEqualIID(iid, point_->EventsIid())) return CONNECT_E_NOCONNECTION;
-    *point = ComPtr<HostConnectionPoint>(point_).Detach();
-    return S_OK;
-  }
-  [[nodiscard]] HostConnectionPoint& Events() const noexcept { return *point_; }
-
+class HostEventSource : public EventSource<Interface> {
  protected:
   explicit HostEventSource(const IID& events)
-      : point_(MakeComObject<HostConnectionPoint>(events)) {}
-
- private:
-  ComPtr<HostConnectionPoint> point_;
+      : EventSource<Interface>(MakeComObject<ConnectionPoint>(events)) {}
 };
 
 class HostFolder final : public ComObject<outlook::MAPIFolder> {
@@ -139,7 +100,7 @@ class HostWindows final : public HostEventSource<Collection> {
   HRESULT Open(const ComPtr<Window>& window);
   // Takes a window out of the collection after raising its Close event, as Outlook does when a
   // window closes. The object itself stays alive.
-  HRESULT Close(const ComPtr<Window>& window, IConnectionPoint& windowEvents);
+  HRESULT Close(const ComPtr<Window>& window, ConnectionPoint& windowEvents);
 
  private:
   DISPID opened_;

@@ -36,29 +36,9 @@ constexpr std::string_view kStyle =
     ".mrwl-note p{margin:2px 0}\n"
     "</style>\n";
 
-char LowerAscii(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
-
-std::string LowerAscii(std::string_view text) {
-  std::string out(text);
-  for (char& c : out) c = LowerAscii(c);
-  return out;
-}
-
-bool EqualsNoCase(std::string_view a, std::string_view b) {
-  if (a.size() != b.size()) return false;
-  for (std::size_t i = 0; i < a.size(); ++i) {
-    if (LowerAscii(a[i]) != LowerAscii(b[i])) return false;
-  }
-  return true;
-}
-
-bool StartsWithNoCase(std::string_view text, std::string_view prefix) {
-  return text.size() >= prefix.size() && EqualsNoCase(text.substr(0, prefix.size()), prefix);
-}
-
 std::size_t FindNoCase(std::string_view text, std::string_view needle, std::size_t from) {
   for (std::size_t i = from; i + needle.size() <= text.size(); ++i) {
-    if (EqualsNoCase(text.substr(i, needle.size()), needle)) return i;
+    if (EqualsIgnoringCase(text.substr(i, needle.size()), needle)) return i;
   }
   return kNone;
 }
@@ -75,7 +55,7 @@ std::string_view TrimHtmlSpace(std::string_view text) {
 
 int HexValue(char c) {
   if (c >= '0' && c <= '9') return c - '0';
-  c = LowerAscii(c);
+  c = AsciiLower(c);
   if (c >= 'a' && c <= 'f') return c - 'a' + 10;
   return -1;
 }
@@ -115,7 +95,7 @@ std::string DecodeCharacterReferences(std::string_view value) {
     }
     const std::string_view rest = value.substr(i + 1);
     if (!rest.empty() && rest[0] == '#') {
-      const bool hex = rest.size() > 1 && LowerAscii(rest[1]) == 'x';
+      const bool hex = rest.size() > 1 && AsciiLower(rest[1]) == 'x';
       std::size_t j = hex ? 2 : 1;
       unsigned long cp = 0;
       const std::size_t digitsStart = j;
@@ -134,7 +114,7 @@ std::string DecodeCharacterReferences(std::string_view value) {
     } else {
       bool matched = false;
       for (const auto& named : kNamed) {
-        if (StartsWithNoCase(rest, named.name)) {
+        if (StartsWithIgnoringCase(rest, named.name)) {
           out += named.c;
           i += named.name.size();
           matched = true;
@@ -154,11 +134,11 @@ std::string DecodeCharacterReferences(std::string_view value) {
 bool IsScriptUrl(std::string_view value, std::string_view tagName) {
   std::string compact;
   for (char c : DecodeCharacterReferences(value)) {
-    if (static_cast<unsigned char>(c) > 0x20) compact += LowerAscii(c);
+    if (static_cast<unsigned char>(c) > 0x20) compact += AsciiLower(c);
   }
   if (compact.starts_with("data:")) {
     for (std::string_view framing : {"iframe", "frame", "object", "embed"}) {
-      if (EqualsNoCase(tagName, framing)) return true;
+      if (EqualsIgnoringCase(tagName, framing)) return true;
     }
   }
   return compact.starts_with("javascript:") || compact.starts_with("vbscript:") ||
@@ -252,7 +232,7 @@ class CompanionFiles {
   static constexpr int kUnreadable = -2;
 
   std::size_t FindPart(const std::string& value) const {
-    if (StartsWithNoCase(value, "cid:")) {
+    if (StartsWithIgnoringCase(value, "cid:")) {
       std::string_view id = TrimHtmlSpace(std::string_view(value).substr(4));
       if (id.size() >= 2 && id.front() == '<' && id.back() == '>') id = id.substr(1, id.size() - 2);
       if (id.empty()) return kNone;
@@ -260,7 +240,7 @@ class CompanionFiles {
       for (std::size_t i = 0; i < message_.parts.size(); ++i) {
         const std::string& contentId = message_.parts[i].contentId;
         if (!contentId.empty() &&
-            (EqualsNoCase(contentId, id) || EqualsNoCase(contentId, decoded))) {
+            (EqualsIgnoringCase(contentId, id) || EqualsIgnoringCase(contentId, decoded))) {
           return i;
         }
       }
@@ -288,14 +268,14 @@ class CompanionFiles {
   std::string UniqueName(const std::string& wanted) {
     std::string name =
         LimitFileName(wanted.empty() ? std::string("part") : wanted, kMaxFileNameBytes);
-    if (takenNames_.insert(LowerAscii(name)).second) return name;
+    if (takenNames_.insert(AsciiLower(name)).second) return name;
     std::size_t dot = name.rfind('.');
     if (dot == kNone || dot == 0) dot = name.size();
     const std::string stem = name.substr(0, dot);
     const std::string extension = name.substr(dot);
     for (int number = 2;; ++number) {
       std::string candidate = stem + " (" + std::to_string(number) + ")" + extension;
-      if (takenNames_.insert(LowerAscii(candidate)).second) return candidate;
+      if (takenNames_.insert(AsciiLower(candidate)).second) return candidate;
     }
   }
 
@@ -341,7 +321,7 @@ bool IsUrlAttribute(std::string_view name) {
       "src",    "href",   "background", "poster", "data",       "action", "formaction",
       "lowsrc", "dynsrc", "longdesc",   "cite",   "xlink:href", "usemap"};
   for (std::string_view candidate : kNames) {
-    if (EqualsNoCase(name, candidate)) return true;
+    if (EqualsIgnoringCase(name, candidate)) return true;
   }
   return false;
 }
@@ -451,12 +431,12 @@ std::string PrepareMailHtml(std::string_view html, CompanionFiles& files, Anchor
     if (rest[1] == '!' || rest[1] == '?' || rest[1] == '/') {
       const std::size_t close = html.find('>', lt);
       const std::size_t end = close == kNone ? html.size() : close + 1;
-      if (rest[1] == '/' && anchors.headEnd == kNone && StartsWithNoCase(rest, "</head") &&
+      if (rest[1] == '/' && anchors.headEnd == kNone && StartsWithIgnoringCase(rest, "</head") &&
           (rest.size() == 6 || !IsAsciiLetter(rest[6]))) {
         anchors.headEnd = out.size() + (end - lt);
       }
       // An XML declaration may name a charset of its own; the page has one declaration only.
-      if (!StartsWithNoCase(rest, "<?xml")) out.append(html.substr(lt, end - lt));
+      if (!StartsWithIgnoringCase(rest, "<?xml")) out.append(html.substr(lt, end - lt));
       afterHeadStart = false;
       pos = end;
       continue;
@@ -471,7 +451,7 @@ std::string PrepareMailHtml(std::string_view html, CompanionFiles& files, Anchor
       out.append(rest);
       break;
     }
-    const std::string name = LowerAscii(tag.name);
+    const std::string name = AsciiLower(tag.name);
     if (name == "script") {
       const std::size_t close = FindNoCase(html, "</script", tag.end);
       const std::size_t closeEnd = close == kNone ? kNone : html.find('>', close);
@@ -481,11 +461,11 @@ std::string PrepareMailHtml(std::string_view html, CompanionFiles& files, Anchor
     bool refresh = false;
     bool declaresCharset = false;
     for (const Attribute& attribute : tag.attributes) {
-      if (EqualsNoCase(attribute.name, "http-equiv") &&
-          EqualsNoCase(TrimHtmlSpace(attribute.Value()), "refresh")) {
+      if (EqualsIgnoringCase(attribute.name, "http-equiv") &&
+          EqualsIgnoringCase(TrimHtmlSpace(attribute.Value()), "refresh")) {
         refresh = true;
       }
-      if (EqualsNoCase(attribute.name, "charset")) declaresCharset = true;
+      if (EqualsIgnoringCase(attribute.name, "charset")) declaresCharset = true;
     }
     if (name == "base" || (name == "meta" && refresh)) {
       pos = tag.end;
@@ -493,8 +473,8 @@ std::string PrepareMailHtml(std::string_view html, CompanionFiles& files, Anchor
     }
     out.append(tag.nameText);
     for (const Attribute& attribute : tag.attributes) {
-      if ((attribute.name.size() > 2 && StartsWithNoCase(attribute.name, "on")) ||
-          EqualsNoCase(attribute.name, "srcdoc")) {
+      if ((attribute.name.size() > 2 && StartsWithIgnoringCase(attribute.name, "on")) ||
+          EqualsIgnoringCase(attribute.name, "srcdoc")) {
         continue;
       }
       std::string replacement;
@@ -507,7 +487,7 @@ std::string PrepareMailHtml(std::string_view html, CompanionFiles& files, Anchor
           replacement = files.Resolve(attribute.Value());
           replace = !replacement.empty();
         }
-      } else if (attribute.hasValue && EqualsNoCase(attribute.name, "style")) {
+      } else if (attribute.hasValue && EqualsIgnoringCase(attribute.name, "style")) {
         replacement = RewriteCssUrls(attribute.Value(), files);
         replace = true;
       }
@@ -616,7 +596,7 @@ std::string HtmlBodyDocument(const MailMessage& message, const std::string& head
 
 bool ParameterIs(GMimeContentType* type, const char* name, std::string_view expected) {
   const char* value = type != nullptr ? g_mime_content_type_get_parameter(type, name) : nullptr;
-  return value != nullptr && EqualsNoCase(TrimHtmlSpace(value), expected);
+  return value != nullptr && EqualsIgnoringCase(TrimHtmlSpace(value), expected);
 }
 
 // Writes the companion folder and its files; on failure removes what it made.
@@ -683,7 +663,7 @@ std::string CompanionFolderOf(const std::string& pagePath) {
   const std::string_view path(pagePath);
   for (std::string_view extension : {std::string_view(".html"), std::string_view(".htm")}) {
     if (path.size() > extension.size() &&
-        EqualsNoCase(path.substr(path.size() - extension.size()), extension)) {
+        EqualsIgnoringCase(path.substr(path.size() - extension.size()), extension)) {
       return std::string(path.substr(0, path.size() - extension.size())) + "_files";
     }
   }

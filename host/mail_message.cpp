@@ -44,21 +44,6 @@ struct GObjectUnref {
 template <typename T>
 using GPtr = std::unique_ptr<T, GObjectUnref>;
 
-char AsciiLower(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c; }
-
-std::string Lower(std::string_view text) {
-  std::string out(text);
-  for (char& c : out) c = AsciiLower(c);
-  return out;
-}
-
-bool EqualsNoCase(std::string_view a, std::string_view b) {
-  if (a.size() != b.size()) return false;
-  for (std::size_t i = 0; i < a.size(); ++i) {
-    if (AsciiLower(a[i]) != AsciiLower(b[i])) return false;
-  }
-  return true;
-}
 
 bool IsBlank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
 
@@ -70,7 +55,7 @@ std::string_view Trim(std::string_view text) {
 
 bool EndsWithNoCase(std::string_view text, std::string_view suffix) {
   return text.size() >= suffix.size() &&
-         EqualsNoCase(text.substr(text.size() - suffix.size()), suffix);
+         EqualsIgnoringCase(text.substr(text.size() - suffix.size()), suffix);
 }
 
 int HexValue(char c) {
@@ -108,7 +93,7 @@ std::optional<std::string> RawHeader(GMimeObject* object, std::string_view name)
   for (int i = 0; i < count; ++i) {
     GMimeHeader* header = g_mime_header_list_get_header_at(list, i);
     const char* headerName = header != nullptr ? g_mime_header_get_name(header) : nullptr;
-    if (headerName == nullptr || !EqualsNoCase(headerName, name)) continue;
+    if (headerName == nullptr || !EqualsIgnoringCase(headerName, name)) continue;
     const char* raw = g_mime_header_get_raw_value(header);
     return std::string(raw != nullptr ? raw : "");
   }
@@ -148,13 +133,13 @@ StructuredField ParseStructuredField(std::string_view raw) {
   skipBlanks();
   const std::size_t valueStart = i;
   while (i < raw.size() && raw[i] != ';') ++i;
-  field.value = Lower(Trim(raw.substr(valueStart, i - valueStart)));
+  field.value = AsciiLower(Trim(raw.substr(valueStart, i - valueStart)));
   while (i < raw.size()) {
     ++i;  // the ';'
     skipBlanks();
     const std::size_t nameStart = i;
     while (i < raw.size() && raw[i] != '=' && raw[i] != ';') ++i;
-    const std::string name = Lower(Trim(raw.substr(nameStart, i - nameStart)));
+    const std::string name = AsciiLower(Trim(raw.substr(nameStart, i - nameStart)));
     if (i >= raw.size() || raw[i] == ';') continue;  // a parameter without a value is dropped
     ++i;                                             // the '='
     skipBlanks();
@@ -250,11 +235,11 @@ std::string MimeTypeOf(GMimeObject* object) {
   if (const std::optional<std::string> raw = RawHeader(object, "Content-Type")) {
     std::string_view media = *raw;
     media = Trim(media.substr(0, media.find(';')));
-    if (Lower(media) == "text") return "text/plain";
+    if (AsciiLower(media) == "text") return "text/plain";
   }
   const char* media = g_mime_content_type_get_media_type(type);
   const char* subtype = g_mime_content_type_get_media_subtype(type);
-  return Lower(std::string(media != nullptr ? media : "application") + "/" +
+  return AsciiLower(std::string(media != nullptr ? media : "application") + "/" +
                (subtype != nullptr ? subtype : "octet-stream"));
 }
 
@@ -395,7 +380,7 @@ bool DecodeContent(GMimeObject* object, std::string& content, DecodeFindings* fi
 
 // The charset an HTML document declares in a <meta> element, lower case; empty when none.
 std::string MetaCharset(std::string_view html) {
-  const std::string lower = Lower(html.substr(0, std::min<std::size_t>(html.size(), 65536)));
+  const std::string lower = AsciiLower(html.substr(0, std::min<std::size_t>(html.size(), 65536)));
   std::size_t at = 0;
   while ((at = lower.find("<meta", at)) != std::string::npos) {
     const std::size_t end = lower.find('>', at);
@@ -591,7 +576,7 @@ std::string FormatCalendarTime(const ContentLine& line) {
 // An ORGANIZER or ATTENDEE as "Ann Lee <ann@x.org>".
 std::string FormatCalendarPerson(const ContentLine& line) {
   std::string address(Trim(line.value));
-  if (EqualsNoCase(std::string_view(address).substr(0, std::min<std::size_t>(7, address.size())),
+  if (EqualsIgnoringCase(std::string_view(address).substr(0, std::min<std::size_t>(7, address.size())),
                    "mailto:")) {
     address.erase(0, 7);
   }
@@ -638,7 +623,7 @@ std::string SummarizeEvents(const std::vector<ContentLine>& lines, std::string* 
     if (line.name == "BEGIN") {
       if (depth > 0) {
         ++depth;
-      } else if (EqualsNoCase(value, "VEVENT")) {
+      } else if (EqualsIgnoringCase(value, "VEVENT")) {
         depth = 1;
         event.clear();
         attendees.clear();
@@ -680,7 +665,7 @@ std::string SummarizeEvents(const std::vector<ContentLine>& lines, std::string* 
 // The calendar's METHOD property, upper case; empty when it has none.
 std::string CalendarMethod(const std::vector<ContentLine>& lines) {
   for (const ContentLine& line : lines) {
-    if (line.name == "BEGIN" && EqualsNoCase(Trim(line.value), "VEVENT")) break;
+    if (line.name == "BEGIN" && EqualsIgnoringCase(Trim(line.value), "VEVENT")) break;
     if (line.name == "METHOD") {
       std::string method(Trim(line.value));
       for (char& c : method) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
@@ -698,7 +683,7 @@ std::string ParserWarningSentence(GMimeParserWarning code, const char* item) {
   std::string what = item != nullptr ? ToUtf8(item, "utf-8") : std::string();
   // Header names differ in case only between repetitions of one header.
   if (code == GMIME_CRIT_CONFLICTING_HEADER && !what.empty()) {
-    what = Lower(what);
+    what = AsciiLower(what);
     what[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(what[0])));
   }
   what = std::string(Trim(what));
@@ -861,7 +846,7 @@ struct BodyReferences {
 
 BodyReferences FindReferences(std::string_view html) {
   BodyReferences refs;
-  const std::string lower = Lower(html);
+  const std::string lower = AsciiLower(html);
   auto isEnd = [](char c) {
     return IsBlank(c) || c == '"' || c == '\'' || c == '<' || c == '>' || c == ')';
   };
@@ -869,7 +854,7 @@ BodyReferences FindReferences(std::string_view html) {
        at = lower.find("cid:", at + 4)) {
     std::size_t end = at + 4;
     while (end < lower.size() && !isEnd(lower[end])) ++end;
-    refs.contentIds.insert(Lower(PercentDecode(lower.substr(at + 4, end - at - 4))));
+    refs.contentIds.insert(AsciiLower(PercentDecode(lower.substr(at + 4, end - at - 4))));
   }
   for (const std::string_view attribute : {std::string_view("src"), std::string_view("href")}) {
     for (std::size_t at = lower.find(attribute); at != std::string::npos;
@@ -1005,7 +990,7 @@ class MessageReader {
       }
     }
     if (!references_.contentIds.empty() && !part.contentId.empty()) {
-      part.referencedByBody = references_.contentIds.count(Lower(part.contentId)) > 0;
+      part.referencedByBody = references_.contentIds.count(AsciiLower(part.contentId)) > 0;
     }
     if (!part.referencedByBody && insideRelated && mail_.htmlBody != nullptr) {
       const std::optional<std::string> location = RawHeader(object, "Content-Location");
@@ -1013,7 +998,7 @@ class MessageReader {
         const std::string wanted(Trim(*location));
         part.referencedByBody =
             std::any_of(references_.locations.begin(), references_.locations.end(),
-                        [&](const std::string& value) { return EqualsNoCase(value, wanted); });
+                        [&](const std::string& value) { return EqualsIgnoringCase(value, wanted); });
       }
     }
     std::string content;
@@ -1036,8 +1021,8 @@ class MessageReader {
       if (!DecodeContent(object, content, nullptr)) continue;
       const std::vector<ContentLine> lines =
           ParseContentLines(ToUtf8(content, ContentTypeParameter(object, "charset")));
-      std::string method = Lower(Trim(ContentTypeParameter(object, "method")));
-      if (method.empty()) method = Lower(CalendarMethod(lines));
+      std::string method = AsciiLower(Trim(ContentTypeParameter(object, "method")));
+      if (method.empty()) method = AsciiLower(CalendarMethod(lines));
       if (method != "request" && method != "cancel" && method != "reply") continue;
       mail_.kind = ItemKind::kMeeting;
       if (mail_.htmlBody == nullptr && mail_.textBody == nullptr) {
@@ -1085,9 +1070,9 @@ void ReadHeaderFields(MailMessage& mail) {
     }
   }
 
-  const std::string importance = Lower(Trim(RawHeader(headers, "Importance").value_or("")));
+  const std::string importance = AsciiLower(Trim(RawHeader(headers, "Importance").value_or("")));
   const std::string xPriority(Trim(RawHeader(headers, "X-Priority").value_or("")));
-  const std::string priority = Lower(Trim(RawHeader(headers, "Priority").value_or("")));
+  const std::string priority = AsciiLower(Trim(RawHeader(headers, "Priority").value_or("")));
   if (importance == "low" || importance == "normal" || importance == "high") {
     mail.importance = importance == "low" ? 0 : importance == "normal" ? 1 : 2;
   } else if (!xPriority.empty() && xPriority[0] >= '1' && xPriority[0] <= '5') {
@@ -1095,7 +1080,7 @@ void ReadHeaderFields(MailMessage& mail) {
   } else if (priority == "urgent" || priority == "non-urgent" || priority == "normal") {
     mail.importance = priority == "urgent" ? 2 : priority == "normal" ? 1 : 0;
   }
-  const std::string sensitivity = Lower(Trim(RawHeader(headers, "Sensitivity").value_or("")));
+  const std::string sensitivity = AsciiLower(Trim(RawHeader(headers, "Sensitivity").value_or("")));
   if (sensitivity == "personal") mail.sensitivity = 1;
   if (sensitivity == "private") mail.sensitivity = 2;
   if (sensitivity == "company-confidential") mail.sensitivity = 3;

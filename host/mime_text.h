@@ -77,6 +77,12 @@ struct MailDate {
 // The date as Outlook's header block shows it, in local time: "Monday, November 23, 2026 4:46 PM".
 [[nodiscard]] std::string FormatSentDate(std::int64_t unixSeconds);
 
+// ASCII case folding for the protocol words of mail and HTML (header names, tags, charsets).
+[[nodiscard]] char AsciiLower(char c) noexcept;
+[[nodiscard]] std::string AsciiLower(std::string_view text);
+[[nodiscard]] bool EqualsIgnoringCase(std::string_view a, std::string_view b) noexcept;
+[[nodiscard]] bool StartsWithIgnoringCase(std::string_view text, std::string_view prefix) noexcept;
+
 // `text` with &, <, >, " and ' escaped for HTML text and attribute values.
 [[nodiscard]] std::string EscapeHtml(std::string_view text);
 

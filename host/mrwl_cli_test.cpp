@@ -32,11 +32,6 @@ struct Outcome {
   std::string err;
 };
 
-std::string Quote(const std::string& text) {
-  std::string quoted = "'";
-  for (char c : text) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return quoted + "'";
-}
 
 // What `reg query` prints for one key with the given value lines.
 std::string Listing(const std::string& key, const std::string& lines) {
@@ -53,10 +48,10 @@ class MrwlCli : public ::testing::Test {
 
   // Runs mrwl with `args`, `input` on its standard input, against this test's hive.
   Outcome Run(const Args& args, const std::string& input = "") {
-    std::string command = Quote(program_);
-    for (const std::string& arg : args) command += " " + Quote(arg);
-    command += " <" + Quote(folder_.Write("stdin", input)) + " >" + Quote(folder_.PathOf("out")) +
-               " 2>" + Quote(folder_.PathOf("err"));
+    std::string command = testing::ShellQuote(program_);
+    for (const std::string& arg : args) command += " " + testing::ShellQuote(arg);
+    command += " <" + testing::ShellQuote(folder_.Write("stdin", input)) + " >" + testing::ShellQuote(folder_.PathOf("out")) +
+               " 2>" + testing::ShellQuote(folder_.PathOf("err"));
     const int raw = std::system(command.c_str());
     return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, folder_.Read("out"), folder_.Read("err")};
   }

@@ -98,8 +98,12 @@ enum CDCONTROLSTATEF {
 };
 
 // Shell item attributes answered by this backend.
+#ifndef SFGAO_FOLDER
 #define SFGAO_FOLDER 0x20000000u
+#endif
+#ifndef SFGAO_FILESYSTEM
 #define SFGAO_FILESYSTEM 0x40000000u
+#endif
 
 // Options of IFileDialog::SetOptions.
 #define FOS_OVERWRITEPROMPT 0x00000002u

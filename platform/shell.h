@@ -36,8 +36,13 @@
 
 // SHGetFileInfoW flags and the shell attributes it reports.
 #define SHGFI_ATTRIBUTES 0x000000800
-#define SFGAO_FOLDER 0x20000000L
-#define SFGAO_FILESYSTEM 0x40000000L
+// The file dialog header names the same attributes.
+#ifndef SFGAO_FOLDER
+#define SFGAO_FOLDER 0x20000000u
+#endif
+#ifndef SFGAO_FILESYSTEM
+#define SFGAO_FILESYSTEM 0x40000000u
+#endif
 
 enum URLIS {
   URLIS_URL,

@@ -158,14 +158,19 @@ class ScopedEnv {
 // How long a test waits for a started child before it calls the child lost.
 inline constexpr std::chrono::milliseconds kChildTimeout{5000};
 
+// `text` quoted for /bin/sh as one word.
+inline std::string ShellQuote(std::string_view text) {
+  std::string quoted = "'";
+  for (char c : text) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return quoted + "'";
+}
+
 // The text of a /bin/sh script that runs the shell command `command` with its output going to the
 // file `record`, then exits with `status`. The output is renamed into place, so whoever polls for
 // the record never reads half of it.
 inline std::string RecordingScript(std::string_view command, std::string_view record,
                                    int status = 0) {
-  std::string quoted = "'";
-  for (char c : record) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  quoted += "'";
+  const std::string quoted = ShellQuote(record);
   const std::string part = quoted.substr(0, quoted.size() - 1) + ".part'";
   return "#!/bin/sh\n" + std::string(command) + " > " + part + "\nmv " + part + " " + quoted +
          "\nexit " + std::to_string(status) + "\n";

@@ -77,60 +77,6 @@ int OutlookFaults::IndexOf(std::string_view member) const {
   return found == calls_.end() ? -1 : static_cast<int>(found - calls_.begin());
 }
 
-// --- Connection points -----------------------------------------------------------------------
-
-HRESULT TestConnectionPoint::GetConnectionInterface(IID* iid) {
-  if (iid == nullptr) return E_POINTER;
-  *iid = iid_;
-  return S_OK;
-}
-
-HRESULT TestConnectionPoint::GetConnectionPointContainer(IConnectionPointContainer** container) {
-  if (container != nullptr) *container = nullptr;
-  return E_NOTIMPL;
-}
-
-HRESULT TestConnectionPoint::Advise(IUnknown* sink, DWORD* cookie) {
-  TEST_OUTLOOK_ENTER(owner_ + ".ConnectionPoint.Advise");
-  if (sink == nullptr || cookie == nullptr) return E_POINTER;
-  ComPtr<IDispatch> events;
-  if (FAILED(sink->QueryInterface(iid_, events.put_void())) || !events) {
-    return CONNECT_E_CANNOTCONNECT;
-  }
-  *cookie = nextCookie_++;
-  sinks_.emplace_back(*cookie, std::move(events));
-  return S_OK;
-}
-
-HRESULT TestConnectionPoint::Unadvise(DWORD cookie) {
-  TEST_OUTLOOK_ENTER(owner_ + ".ConnectionPoint.Unadvise");
-  const auto found = std::find_if(sinks_.begin(), sinks_.end(),
-                                  [cookie](const auto& sink) { return sink.first == cookie; });
-  if (found == sinks_.end()) return CONNECT_E_NOCONNECTION;
-  sinks_.erase(found);
-  return S_OK;
-}
-
-HRESULT TestConnectionPoint::EnumConnections(IEnumConnections** connections) {
-  if (connections != nullptr) *connections = nullptr;
-  return E_NOTIMPL;
-}
-
-HRESULT TestConnectionPoint::Raise(DISPID dispid, std::vector<VARIANT> arguments) {
-  std::reverse(arguments.begin(), arguments.end());
-  DISPPARAMS params{arguments.data(), nullptr, static_cast<UINT>(arguments.size()), 0};
-  HRESULT result = S_OK;
-  // A sink may unadvise itself while handling the event: deliver to a copy of the list.
-  const auto sinks = sinks_;
-  for (const auto& [cookie, sink] : sinks) {
-    const HRESULT delivered =
-        sink->Invoke(dispid, IID_NULL, 0, DISPATCH_METHOD, &params, nullptr, nullptr, nullptr);
-    if (FAILED(delivered) && SUCCEEDED(result)) result = delivered;
-  }
-  for (VARIANT& argument : arguments) VariantClear(&argument);
-  return result;
-}
-
 // --- Windows ---------------------------------------------------------------------------------
 
 template <typename Collection, typename OutlookWindow, typename Window>

@@ -20,6 +20,7 @@
 #include "platform/com.h"
 #include "platform/com_object.h"
 #include "platform/com_ptr.h"
+#include "platform/connection_point.h"
 #include "platform/office.h"
 #include "platform/outlook.h"
 
@@ -89,58 +90,40 @@ HRESULT AnswerItem(std::string_view member, const Items& items, const VARIANT& i
 
 // --- Events ----------------------------------------------------------------------------------
 
-// One outgoing interface. Advise asks the sink for the event interface; Raise calls Invoke on
-// every sink advised, in the order of advising.
-class TestConnectionPoint : public ComObject<IConnectionPoint> {
+// One outgoing interface whose Advise and Unadvise go through the faults, as
+// "Owner.ConnectionPoint.Advise" and "Owner.ConnectionPoint.Unadvise".
+class TestConnectionPoint : public ConnectionPoint {
  public:
   TestConnectionPoint(std::string owner, const IID& events)
-      : owner_(std::move(owner)), iid_(events) {}
+      : ConnectionPoint(events), owner_(std::move(owner)) {}
 
-  HRESULT STDMETHODCALLTYPE GetConnectionInterface(IID* iid) override;
-  HRESULT STDMETHODCALLTYPE GetConnectionPointContainer(IConnectionPointContainer**) override;
-  HRESULT STDMETHODCALLTYPE Advise(IUnknown* sink, DWORD* cookie) override;
-  HRESULT STDMETHODCALLTYPE Unadvise(DWORD cookie) override;
-  HRESULT STDMETHODCALLTYPE EnumConnections(IEnumConnections** connections) override;
-
-  // Delivers event `dispid` with `arguments` in their natural order (a copy is passed in the
-  // reverse order of DISPPARAMS). Returns the first failure of a sink, else S_OK.
-  HRESULT Raise(DISPID dispid, std::vector<VARIANT> arguments = {});
-  [[nodiscard]] std::size_t SinkCount() const noexcept { return sinks_.size(); }
-  [[nodiscard]] const IID& EventsIid() const noexcept { return iid_; }
+ protected:
+  HRESULT Enter(std::string_view member) override {
+    return OutlookFaults::Get().Enter(owner_ + ".ConnectionPoint." + std::string(member));
+  }
 
  private:
   std::string owner_;
-  IID iid_;
-  DWORD nextCookie_ = 1;
-  std::vector<std::pair<DWORD, ComPtr<IDispatch>>> sinks_;
 };
 
-// An object of interface `Interface` that raises events through one connection point.
+// An object of interface `Interface` that raises events through one connection point; finding
+// it goes through the faults as "Owner.FindConnectionPoint".
 template <typename Interface>
-class WithEvents : public ComObject<Interface, IConnectionPointContainer> {
+class WithEvents : public EventSource<Interface, TestConnectionPoint> {
  public:
-  HRESULT STDMETHODCALLTYPE EnumConnectionPoints(IEnumConnectionPoints** points) override {
-    if (points != nullptr) *points = nullptr;
-    return E_NOTIMPL;
-  }
-  HRESULT STDMETHODCALLTYPE FindConnectionPoint(REFIID iid, IConnectionPoint** point) override {
-    const HRESULT entered = OutlookFaults::Get().Enter(owner_ + ".FindConnectionPoint");
-    if (FAILED(entered)) return entered;
-    if (point == nullptr) return E_POINTER;
-    *point = nullptr;
-    if (!IsEqualIID(iid, point_->EventsIid())) return CONNECT_E_NOCONNECTION;
-    return PutAnswer(point_, point);
-  }
-  [[nodiscard]] TestConnectionPoint& Point() const noexcept { return *point_; }
+  [[nodiscard]] TestConnectionPoint& Point() const noexcept { return this->Events(); }
 
  protected:
   WithEvents(std::string owner, const IID& events)
-      : owner_(owner), point_(MakeComObject<TestConnectionPoint>(std::move(owner), events)) {}
+      : EventSource<Interface, TestConnectionPoint>(
+            MakeComObject<TestConnectionPoint>(owner, events)),
+        owner_(std::move(owner)) {}
+
+  HRESULT EnterFind() override {
+    return OutlookFaults::Get().Enter(owner_ + ".FindConnectionPoint");
+  }
 
   std::string owner_;
-
- private:
-  ComPtr<TestConnectionPoint> point_;
 };
 
 // --- Windows ---------------------------------------------------------------------------------
