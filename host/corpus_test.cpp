@@ -10,8 +10,6 @@
 #include <cstddef>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <optional>
 #include <set>
@@ -34,7 +32,8 @@ namespace {
 namespace fs = std::filesystem;
 using testing::DecodedHandoff;
 using testing::DecodedJob;
-using testing::HandoffReader;
+using testing::ShellQuote;
+constexpr std::size_t npos = std::string::npos;
 
 constexpr char kCorpusFolder[] = "/usr/lib/python3.11/test/test_email/data";
 constexpr char kUserAddress[] = "corpus.reader@example.org";
@@ -51,8 +50,7 @@ struct Attachment {
 };
 struct Expected {
   std::optional<std::string> subject;
-  std::string fromName;
-  std::string fromAddress;
+  std::string fromName, fromAddress;
   std::vector<Attachment> attachments;
   std::vector<std::string> pictures;  // content ids the HTML body shows
   bool damaged = false;
@@ -64,25 +62,15 @@ struct ConverterStart {
   std::optional<DecodedHandoff> handoff;
 };
 
-struct RunResult {
-  int status = -1;
-  std::string errors;
-  std::vector<ConverterStart> starts;
-};
-
-std::string ReadBytes(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
+std::string ReadBytes(const fs::path& path) { return testing::WaitForFile(path, {}).value_or(""); }
 
 // Runs `command` through the shell and answers its exit status; the shell itself writes the
 // status to a file, so the test needs no process headers.
 int RunShell(const std::string& command, const fs::path& statusFile) {
-  const std::string line = "(" + command + "); echo $? > " + testing::ShellQuote(statusFile.string());
+  const std::string line = "(" + command + "); echo $? > " + ShellQuote(statusFile.string());
   if (std::system(line.c_str()) == -1) return -1;
-  std::istringstream in(ReadBytes(statusFile));
   int status = -1;
-  in >> status;
+  std::istringstream(ReadBytes(statusFile)) >> status;
   return status;
 }
 
@@ -90,14 +78,13 @@ int RunShell(const std::string& command, const fs::path& statusFile) {
 std::vector<std::string> SplitFields(std::string_view line) {
   std::vector<std::string> fields(1);
   for (std::size_t i = 0; i < line.size(); ++i) {
-    const char c = line[i];
-    if (c == '\t') {
+    if (line[i] == '\t') {
       fields.emplace_back();
-    } else if (c == '\\' && i + 1 < line.size()) {
+    } else if (line[i] == '\\' && i + 1 < line.size()) {
       const char next = line[++i];
       fields.back() += next == 't' ? '\t' : next == 'n' ? '\n' : next == 'r' ? '\r' : next;
     } else {
-      fields.back() += c;
+      fields.back() += line[i];
     }
   }
   return fields;
@@ -106,33 +93,31 @@ std::vector<std::string> SplitFields(std::string_view line) {
 // Asks Python's email package about `files` and answers its facts by path.
 std::map<std::string, Expected> ReadReference(const std::vector<std::string>& files,
                                               const testing::TempFolder& folder) {
-  std::string command = "python3 " + testing::ShellQuote(MRWL_SOURCE_DIR "/host/testdata/corpus_reference.py");
-  for (const std::string& file : files) command += " " + testing::ShellQuote(file);
-  command += " > " + testing::ShellQuote(folder.PathOf("reference.tsv")) + " 2> " +
-             testing::ShellQuote(folder.PathOf("reference.err"));
-  const int status = RunShell(command, folder.PathOf("reference.status"));
-  EXPECT_EQ(status, 0) << "the reference script failed: " << folder.Read("reference.err");
+  std::string command =
+      "python3 " + ShellQuote(MRWL_SOURCE_DIR "/host/testdata/corpus_reference.py");
+  for (const std::string& file : files) command += " " + ShellQuote(file);
+  command += " > " + ShellQuote(folder.PathOf("reference.tsv")) + " 2> " +
+             ShellQuote(folder.PathOf("reference.err"));
+  EXPECT_EQ(RunShell(command, folder.PathOf("reference.status")), 0)
+      << "the reference script failed: " << folder.Read("reference.err");
 
   std::map<std::string, Expected> facts;
   Expected* current = nullptr;
   std::istringstream in(folder.Read("reference.tsv"));
   for (std::string line; std::getline(in, line);) {
-    const std::vector<std::string> fields = SplitFields(line);
-    const std::string& kind = fields[0];
-    if (kind == "FILE" && fields.size() == 2) {
-      current = &facts[fields[1]];
-    } else if (current == nullptr) {
-      ADD_FAILURE() << "reference line before any FILE: " << line;
-    } else if (kind == "SUBJECT" && fields.size() == 2) {
-      current->subject = fields[1];
-    } else if (kind == "FROM" && fields.size() == 3) {
-      current->fromName = fields[1];
-      current->fromAddress = fields[2];
-    } else if (kind == "ATTACHMENT" && fields.size() == 3) {
-      current->attachments.push_back({fields[1], fields[2]});
-    } else if (kind == "PICTURE" && fields.size() == 2) {
-      current->pictures.push_back(fields[1]);
-    } else if (kind == "DAMAGED") {
+    const std::vector<std::string> f = SplitFields(line);
+    if (f[0] == "FILE" && f.size() == 2) {
+      current = &facts[f[1]];
+    } else if (current != nullptr && f[0] == "SUBJECT" && f.size() == 2) {
+      current->subject = f[1];
+    } else if (current != nullptr && f[0] == "FROM" && f.size() == 3) {
+      current->fromName = f[1];
+      current->fromAddress = f[2];
+    } else if (current != nullptr && f[0] == "ATTACHMENT" && f.size() == 3) {
+      current->attachments.push_back({f[1], f[2]});
+    } else if (current != nullptr && f[0] == "PICTURE" && f.size() == 2) {
+      current->pictures.push_back(f[1]);
+    } else if (current != nullptr && f[0] == "DAMAGED") {
       current->damaged = true;
     } else {
       ADD_FAILURE() << "unreadable reference line: " << line;
@@ -147,29 +132,16 @@ std::map<std::string, Expected> ReadReference(const std::vector<std::string>& fi
 // it checks.
 bool IsWellFormedUtf8(std::string_view text) {
   for (std::size_t i = 0; i < text.size();) {
-    const auto byte = [&](std::size_t at) { return static_cast<unsigned char>(text[at]); };
-    const unsigned char lead = byte(i);
-    std::size_t length = 0;
-    unsigned char low = 0x80, high = 0xBF;  // the range of the first continuation byte
-    if (lead < 0x80) {
-      length = 1;
-    } else if (lead >= 0xC2 && lead <= 0xDF) {
-      length = 2;
-    } else if (lead >= 0xE0 && lead <= 0xEF) {
-      length = 3;
-      if (lead == 0xE0) low = 0xA0;
-      if (lead == 0xED) high = 0x9F;
-    } else if (lead >= 0xF0 && lead <= 0xF4) {
-      length = 4;
-      if (lead == 0xF0) low = 0x90;
-      if (lead == 0xF4) high = 0x8F;
-    } else {
-      return false;
-    }
-    if (text.size() - i < length) return false;
+    const auto byte = [&](std::size_t k) { return static_cast<unsigned char>(text[i + k]); };
+    const unsigned char lead = byte(0);
+    const std::size_t length = lead < 0x80 ? 1 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
+    if ((lead >= 0x80 && lead < 0xC2) || lead > 0xF4 || text.size() - i < length) return false;
+    // The range of the first continuation byte shuts out overlong forms, surrogates and what
+    // lies above U+10FFFF.
+    const unsigned char low = lead == 0xE0 ? 0xA0 : lead == 0xF0 ? 0x90 : 0x80;
+    const unsigned char high = lead == 0xED ? 0x9F : lead == 0xF4 ? 0x8F : 0xBF;
     for (std::size_t k = 1; k < length; ++k) {
-      const unsigned char c = byte(i + k);
-      if (c < (k == 1 ? low : 0x80) || c > (k == 1 ? high : 0xBF)) return false;
+      if (byte(k) < (k == 1 ? low : 0x80) || byte(k) > (k == 1 ? high : 0xBF)) return false;
     }
     i += length;
   }
@@ -179,10 +151,8 @@ bool IsWellFormedUtf8(std::string_view text) {
 // `text` without any blank, tab or line end: folding and wrapping may differ between two readers
 // of one header, the characters may not.
 std::string WithoutWhitespace(std::string_view text) {
-  std::string out;
-  for (char c : text) {
-    if (c != ' ' && c != '\t' && c != '\r' && c != '\n') out += c;
-  }
+  std::string out(text);
+  std::erase_if(out, [](char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; });
   return out;
 }
 
@@ -193,41 +163,31 @@ std::string SearchablePage(std::string_view page) {
   const std::pair<std::string_view, std::string_view> spellings[] = {
       {"&#x27;", "&#39;"}, {"&apos;", "&#39;"}, {"&#34;", "&quot;"}, {"&#x22;", "&quot;"}};
   for (const auto& [from, to] : spellings) {
-    for (std::size_t at = text.find(from); at != std::string::npos; at = text.find(from, at)) {
+    for (std::size_t at = text.find(from); at != npos; at = text.find(from, at + to.size())) {
       text.replace(at, from.size(), to);
-      at += to.size();
     }
   }
   return text;
 }
 
-// The <meta> elements of `page` that declare a charset, as written.
-std::vector<std::string> CharsetDeclarations(const std::string& page) {
-  const std::string lower = host::AsciiLower(page);
-  std::vector<std::string> declarations;
-  for (std::size_t at = lower.find("<meta"); at != std::string::npos;
-       at = lower.find("<meta", at + 1)) {
-    const std::size_t end = lower.find('>', at);
-    const std::string element = page.substr(at, end == std::string::npos ? end : end + 1 - at);
-    if (host::AsciiLower(element).find("charset") != std::string::npos) declarations.push_back(element);
-  }
-  return declarations;
-}
-
-// What every exported page must be: a UTF-8 HTML document that says so, once, in its head. A
-// mail's own document keeps its document type, or its lack of one, so that it renders as it was
+// What every exported page must be: a UTF-8 HTML document that says so, once, first in its head.
+// A mail's own document keeps its document type, or its lack of one, so that it renders as it was
 // written, and text a broken mail puts before its <html> stays where it is.
 void ExpectWellFormedPage(const std::string& page) {
   EXPECT_TRUE(IsWellFormedUtf8(page)) << "the page is not UTF-8";
   const std::string lower = host::AsciiLower(page);
   const std::size_t head = lower.find("<head");
-  ASSERT_NE(head, std::string::npos) << page.substr(0, 80);
-  const std::size_t headEnd = lower.find('>', head) + 1;
+  ASSERT_NE(head, npos) << page.substr(0, 80);
   const std::size_t meta = lower.find("<meta charset=\"utf-8\">");
-  ASSERT_NE(meta, std::string::npos);
-  EXPECT_GE(meta, headEnd);
-  EXPECT_EQ(lower.find_first_not_of(" \t\r\n", headEnd), meta) << "the declaration comes first";
-  EXPECT_EQ(CharsetDeclarations(page), std::vector<std::string>{"<meta charset=\"utf-8\">"});
+  ASSERT_NE(meta, npos);
+  EXPECT_EQ(lower.find_first_not_of(" \t\r\n", lower.find('>', head) + 1), meta)
+      << "the declaration comes first in the head";
+  std::vector<std::string> declarations;
+  for (std::size_t at = lower.find("<meta"); at != npos; at = lower.find("<meta", at + 1)) {
+    const std::string element = page.substr(at, lower.find('>', at) - at + 1);
+    if (host::AsciiLower(element).find("charset") != npos) declarations.push_back(element);
+  }
+  EXPECT_EQ(declarations, std::vector<std::string>{"<meta charset=\"utf-8\">"});
 }
 
 // A subject as the add-in proposes it for a file name: the characters a file name must not hold,
@@ -236,9 +196,7 @@ std::string ProposedStem(std::string_view subject) {
   const std::u16string wide = platform::Utf8ToUtf16(subject);
   std::u16string kept;
   for (std::size_t i = 0; i < wide.size() && i < 256; ++i) {
-    if (std::u16string_view(u"|\\?*<\":>+[]/-.").find(wide[i]) == std::u16string_view::npos) {
-      kept += wide[i];
-    }
+    if (std::u16string_view(u"|\\?*<\":>+[]/-.").find(wide[i]) == npos) kept += wide[i];
   }
   return platform::Utf16ToUtf8(kept);
 }
@@ -250,122 +208,132 @@ class MailConversion : public ::testing::Test {
     ASSERT_NE(binaryDir, nullptr) << "MRWL_TEST_BINARY_DIR names the build folder";
     program_ = fs::path(binaryDir) / "bin" / "mrwl";
     const fs::path module = fs::path(binaryDir) / "bin" / "libmrwl-addin.so";
-    ASSERT_TRUE(fs::exists(program_)) << program_;
-    ASSERT_TRUE(fs::exists(module)) << module;
+    ASSERT_TRUE(fs::exists(program_) && fs::exists(module)) << binaryDir;
     // The module starts the converter that stands beside the file it was loaded from.
-    fs::create_directories(folder_.path() / "module");
+    for (const fs::path& folder : {folder_.path() / "module", store_, output_}) {
+      fs::create_directories(folder);
+    }
     fs::copy_file(module, folder_.path() / "module" / "libmrwl-addin.so");
-    fs::create_directories(store_);
-    fs::create_directories(output_);
   }
 
-  // The mail files of `folder` whose names start with `prefix`, sorted by name.
+  // The mail files of `folder` whose names start with `prefix`, sorted by name; none when the
+  // folder is not there.
   static std::vector<std::string> MailFiles(const fs::path& folder, std::string_view prefix) {
     std::vector<std::string> files;
-    for (const fs::directory_entry& entry : fs::directory_iterator(folder)) {
-      const std::string name = entry.path().filename().string();
-      const std::string extension = entry.path().extension().string();
-      if (name.starts_with(prefix) && (extension == ".txt" || extension == ".eml")) {
-        files.push_back(entry.path().string());
+    std::error_code ignored;
+    for (const fs::directory_entry& entry : fs::directory_iterator(folder, ignored)) {
+      const fs::path& path = entry.path();
+      if (path.filename().string().starts_with(prefix) &&
+          (path.extension() == ".txt" || path.extension() == ".eml")) {
+        files.push_back(path.string());
       }
     }
     std::sort(files.begin(), files.end());
     return files;
   }
 
-  // Runs `mrwl convert` with `options` over `mails` and collects the converter starts it made,
-  // waiting for `expectedStarts` of them (the module does not wait for its converter).
-  RunResult Convert(const std::vector<std::string>& options, const std::vector<std::string>& mails,
-                    std::size_t expectedStarts) {
+  // Runs `mrwl convert -d <output> --yes` over `mails`, as one portfolio or plainly, and collects
+  // the converter starts: one for a portfolio, else one per mail. The module does not wait for its
+  // converter, so the test waits for the starts.
+  std::vector<ConverterStart> Convert(const std::vector<std::string>& mails, bool portfolio) {
     const fs::path records = folder_.path() / ("records" + std::to_string(++runs_));
     fs::create_directories(records);
-    const std::string recordsQuoted = testing::ShellQuote(records.string());
-    (void)folder_.Write("module/HtmlToPdfApp",
-                        "#!/bin/sh\n"
-                        "# Stands in for the converter: keeps its arguments and a copy of the\n"
-                        "# hand-off file, and leaves the pages for the test.\n"
-                        "previous=\n"
-                        "for argument in \"$@\"; do\n"
-                        "  if [ \"$previous\" = '\\bp' ]; then cp \"$argument\" " +
-                            recordsQuoted +
-                            "/$$.bin; fi\n"
-                            "  previous=$argument\n"
-                            "done\n"
-                            "printf '%s\\n' \"$@\" > " +
-                            recordsQuoted + "/$$.part\nmv " + recordsQuoted + "/$$.part " +
-                            recordsQuoted + "/$$.args\n",
-                        /*executable=*/true);
-
-    std::string command = "env MRWL_ADDIN=" + testing::ShellQuote(folder_.PathOf("module/libmrwl-addin.so")) +
-                          " MRWL_REGISTRY=" + testing::ShellQuote(folder_.PathOf("registry.db")) +
-                          " TMPDIR=" + testing::ShellQuote(store_.string()) +
-                          " MRWL_USER_ADDRESS=" + testing::ShellQuote(kUserAddress) + " " +
-                          testing::ShellQuote(program_.string()) + " convert";
-    for (const std::string& option : options) command += " " + testing::ShellQuote(option);
-    for (const std::string& mail : mails) command += " " + testing::ShellQuote(mail);
-    command += " < /dev/null > /dev/null 2> " + testing::ShellQuote(folder_.PathOf("mrwl.err"));
-
-    RunResult result;
-    result.status = RunShell(command, folder_.path() / "mrwl.status");
-    result.errors = folder_.Read("mrwl.err");
+    // Stands in for the converter: keeps its arguments and a copy of the hand-off file, and
+    // leaves the pages for the test.
+    folder_.Write("module/HtmlToPdfApp", "#!/bin/sh\nr=" + ShellQuote(records.string()) + R"(; p=
+for a in "$@"; do if [ "$p" = '\bp' ]; then cp "$a" "$r/$$.bin"; fi; p=$a; done
+printf '%s\n' "$@" > "$r/$$.part" && mv "$r/$$.part" "$r/$$.args"
+)",
+                  /*executable=*/true);
+    std::string command =
+        "env MRWL_ADDIN=" + ShellQuote(folder_.PathOf("module/libmrwl-addin.so")) +
+        " MRWL_REGISTRY=" + ShellQuote(folder_.PathOf("registry.db")) +
+        " TMPDIR=" + ShellQuote(store_.string()) +
+        " MRWL_USER_ADDRESS=" + ShellQuote(kUserAddress) + " " + ShellQuote(program_.string()) +
+        " convert" + (portfolio ? " --portfolio" : "") + " -d " + ShellQuote(output_.string()) +
+        " --yes";
+    for (const std::string& mail : mails) command += " " + ShellQuote(mail);
+    command += " < /dev/null > /dev/null 2> " + ShellQuote(folder_.PathOf("mrwl.err"));
+    const int status = RunShell(command, folder_.path() / "mrwl.status");
+    errors_ = folder_.Read("mrwl.err");
+    EXPECT_EQ(status, 0) << errors_;
 
     // A run that failed may still have started some converters before it stopped.
+    const std::size_t expectedStarts = portfolio ? 1 : mails.size();
     const auto deadline =
-        std::chrono::steady_clock::now() + (result.status == 0 ? kStartsTimeout : kStragglers);
+        std::chrono::steady_clock::now() + (status == 0 ? kStartsTimeout : kStragglers);
     std::vector<fs::path> argumentFiles;
-    for (;;) {
+    do {
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
       argumentFiles.clear();
       for (const fs::directory_entry& entry : fs::directory_iterator(records)) {
         if (entry.path().extension() == ".args") argumentFiles.push_back(entry.path());
       }
-      if (argumentFiles.size() >= expectedStarts || std::chrono::steady_clock::now() >= deadline) {
-        break;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    } while (argumentFiles.size() < expectedStarts && std::chrono::steady_clock::now() < deadline);
+    std::vector<ConverterStart> starts;
+    for (fs::path file : argumentFiles) {
+      ConverterStart& start = starts.emplace_back();
+      start.arguments = testing::WaitForLines(file);
+      start.handoff = testing::HandoffReader::Decode(ReadBytes(file.replace_extension(".bin")));
     }
-    for (const fs::path& file : argumentFiles) {
-      ConverterStart& start = result.starts.emplace_back();
-      std::istringstream in(ReadBytes(file));
-      for (std::string line; std::getline(in, line);) start.arguments.push_back(line);
-      fs::path copy = file;
-      copy.replace_extension(".bin");
-      start.handoff = HandoffReader::Decode(ReadBytes(copy));
-    }
-    return result;
+    EXPECT_EQ(starts.size(), expectedStarts) << errors_;
+    return starts;
   }
 
-  // Checks one exported mail against what Python read in its file: the page, the header values it
-  // shows, the attachment copies and the pictures of the body.
-  void ExpectExported(const DecodedJob& job, const Expected& expected) {
+  // The page of `job`, which must be a well-formed page of its own in the temporary folder, for
+  // the converter to delete.
+  std::string ExpectPage(const DecodedJob& job) {
     const fs::path page = platform::Utf16ToUtf8(job.page);
     EXPECT_EQ(page.parent_path(), store_);
     EXPECT_TRUE(page.filename().string().starts_with("mrwm_")) << page;
     EXPECT_TRUE(job.deletePage);
     const std::string html = ReadBytes(page);
-    ASSERT_FALSE(html.empty()) << "no page at " << page;
+    EXPECT_FALSE(html.empty()) << "no page at " << page;
     ExpectWellFormedPage(html);
+    return html;
+  }
 
-    const std::string searchable = SearchablePage(html);
-    if (expected.subject && !WithoutWhitespace(*expected.subject).empty()) {
-      EXPECT_NE(searchable.find(WithoutWhitespace(host::EscapeHtml(*expected.subject))),
-                std::string::npos)
-          << "subject \"" << *expected.subject << "\" not on the page";
+  // Runs one portfolio over `mails` and checks each job against what Python read in its file:
+  // the page, the header values it shows, the attachment copies and the pictures of the body.
+  void ConvertPortfolioAndCheck(const std::vector<std::string>& mails) {
+    const std::map<std::string, Expected> reference = ReadReference(mails, folder_);
+    const std::vector<ConverterStart> starts = Convert(mails, /*portfolio=*/true);
+    ASSERT_EQ(starts.size(), 1u);
+    ASSERT_TRUE(starts[0].handoff.has_value()) << "the hand-off record does not decode";
+    const DecodedHandoff& handoff = *starts[0].handoff;
+    EXPECT_TRUE(handoff.portfolio);
+    EXPECT_EQ(handoff.portfolioUser, platform::Utf8ToUtf16(kUserAddress));
+    const fs::path output = platform::Utf16ToUtf8(handoff.portfolioOutput);
+    EXPECT_EQ(output.parent_path(), output_);
+    EXPECT_EQ(output.extension(), ".pdf");
+    ASSERT_EQ(handoff.jobs.size(), mails.size()) << errors_;
+    for (std::size_t i = 0; i < mails.size(); ++i) {
+      SCOPED_TRACE(mails[i]);
+      const DecodedJob& job = handoff.jobs[i];
+      const Expected& expected = reference.at(mails[i]);
+      EXPECT_EQ(job.output, handoff.portfolioOutput);
+      ASSERT_TRUE(job.mail.has_value());
+      EXPECT_EQ(WithoutWhitespace(platform::Utf16ToUtf8(job.mail->subject)),
+                WithoutWhitespace(expected.subject.value_or("")));
+      const std::string html = ExpectPage(job);
+      const std::string searchable = SearchablePage(html);
+      for (const std::string& value :
+           {expected.subject.value_or(""), expected.fromName, expected.fromAddress}) {
+        if (WithoutWhitespace(value).empty()) continue;
+        EXPECT_NE(searchable.find(WithoutWhitespace(host::EscapeHtml(value))), npos)
+            << "header value \"" << value << "\" not on the page";
+      }
+      ExpectPictures(platform::Utf16ToUtf8(job.page), html, expected.pictures);
+      // Where Python found the structure damaged, another parser may rightly cut other parts.
+      if (expected.damaged) continue;
+      EXPECT_EQ(job.deleteAttachments, !expected.attachments.empty() || !expected.pictures.empty());
+      ExpectAttachments(job.attachments, expected.attachments);
     }
-    for (const std::string& sender : {expected.fromName, expected.fromAddress}) {
-      if (WithoutWhitespace(sender).empty()) continue;
-      EXPECT_NE(searchable.find(WithoutWhitespace(host::EscapeHtml(sender))), std::string::npos)
-          << "sender \"" << sender << "\" not on the page";
-    }
-
-    ExpectPictures(page, html, expected.pictures);
-    // Where Python found the structure damaged, another parser may rightly cut other parts.
-    if (expected.damaged) return;
-    EXPECT_EQ(job.deleteAttachments, !expected.attachments.empty() || !expected.pictures.empty());
-    ExpectAttachments(job.attachments, expected.attachments);
   }
 
   // The copies are in the temporary folder under their own names: the name the mail gives, or
-  // for an attached message without one, its subject and ".eml".
+  // for an attached message without one, its subject and ".eml". Two parts of one name share one
+  // copy, which the hand-off lists twice.
   void ExpectAttachments(const std::vector<std::u16string>& copies,
                          const std::vector<Attachment>& expected) {
     std::multiset<std::string> names;
@@ -375,26 +343,15 @@ class MailConversion : public ::testing::Test {
       EXPECT_TRUE(fs::is_regular_file(path)) << "no attachment copy at " << path;
       names.insert(path.filename().string());
     }
-    std::vector<std::string> expectedNames;
+    ASSERT_EQ(copies.size(), expected.size()) << "got " << ::testing::PrintToString(names);
     for (const Attachment& attachment : expected) {
-      expectedNames.push_back(attachment.name.empty() ? "<unnamed " + attachment.type + ">"
-                                                      : attachment.name);
-    }
-    ASSERT_EQ(copies.size(), expected.size())
-        << "expected " << ::testing::PrintToString(expectedNames) << ", got "
-        << ::testing::PrintToString(names);
-    std::multiset<std::string> expectedNamed;
-    for (const Attachment& attachment : expected) {
-      if (!attachment.name.empty()) expectedNamed.insert(attachment.name);
-    }
-    // Two parts of one name share one copy, which the hand-off lists twice.
-    for (const std::string& name : expectedNamed) {
-      EXPECT_EQ(names.count(name), expectedNamed.count(name)) << name << " not saved";
-    }
-    for (const Attachment& attachment : expected) {
-      if (attachment.name.empty() && attachment.type == "message/rfc822") {
-        EXPECT_TRUE(std::any_of(names.begin(), names.end(), [](const std::string& n) {
-          return n.ends_with(".eml");
+      if (!attachment.name.empty()) {
+        EXPECT_EQ(names.count(attachment.name),
+                  std::ranges::count(expected, attachment.name, &Attachment::name))
+            << attachment.name << " not saved";
+      } else if (attachment.type == "message/rfc822") {
+        EXPECT_TRUE(std::ranges::any_of(names, [](const auto& name) {
+          return name.ends_with(".eml");
         })) << "no attached message saved as .eml";
       }
     }
@@ -404,61 +361,34 @@ class MailConversion : public ::testing::Test {
   // page points at it there instead of at the content id.
   static void ExpectPictures(const fs::path& page, const std::string& html,
                              const std::vector<std::string>& pictures) {
-    const fs::path companion = page.parent_path() / (page.stem().string() + "_files");
     if (pictures.empty()) return;
+    const fs::path companion = page.parent_path() / (page.stem().string() + "_files");
     ASSERT_TRUE(fs::is_directory(companion)) << "no companion folder " << companion;
-    std::vector<std::string> files;
+    std::size_t files = 0;
     for (const fs::directory_entry& entry : fs::directory_iterator(companion)) {
-      files.push_back(entry.path().filename().string());
-      const std::string reference = companion.filename().string() + "/" + files.back();
-      EXPECT_NE(html.find(reference), std::string::npos) << reference << " not used by the page";
-      EXPECT_TRUE(ReadBytes(entry.path()).starts_with("\x89PNG\r\n\x1A\n") ||
-                  !entry.path().filename().string().ends_with(".png"))
-          << entry.path() << " is not the picture";
+      ++files;
+      const std::string name = entry.path().filename().string();
+      EXPECT_NE(html.find(companion.filename().string() + "/" + name), npos)
+          << name << " not used by the page";
+      EXPECT_TRUE(!name.ends_with(".png") ||
+                  ReadBytes(entry.path()).starts_with("\x89PNG\r\n\x1A\n"))
+          << name << " is not the picture";
     }
-    EXPECT_EQ(files.size(), pictures.size());
+    EXPECT_EQ(files, pictures.size());
+    const std::string lower = host::AsciiLower(html);
     for (const std::string& contentId : pictures) {
-      EXPECT_EQ(host::AsciiLower(html).find("cid:" + host::AsciiLower(contentId)), std::string::npos)
+      EXPECT_EQ(lower.find("cid:" + host::AsciiLower(contentId)), npos)
           << "the page still points at cid:" << contentId;
     }
   }
 
-  // Runs one portfolio over `mails` and checks each job against the reference.
-  void ConvertPortfolioAndCheck(const std::vector<std::string>& mails) {
-    const std::map<std::string, Expected> reference = ReadReference(mails, folder_);
-    const RunResult run = Convert({"--portfolio", "-d", output_.string(), "--yes"}, mails, 1);
-    EXPECT_EQ(run.status, 0) << run.errors;
-    ASSERT_EQ(run.starts.size(), 1u) << run.errors;
-    ASSERT_TRUE(run.starts[0].handoff.has_value()) << "the hand-off record does not decode";
-    const DecodedHandoff& handoff = *run.starts[0].handoff;
-    EXPECT_TRUE(handoff.portfolio);
-    EXPECT_EQ(handoff.portfolioUser, platform::Utf8ToUtf16(kUserAddress));
-    const fs::path output = platform::Utf16ToUtf8(handoff.portfolioOutput);
-    EXPECT_EQ(output.parent_path(), output_);
-    EXPECT_EQ(output.extension(), ".pdf");
-    ASSERT_EQ(handoff.jobs.size(), mails.size()) << run.errors;
-    for (std::size_t i = 0; i < mails.size(); ++i) {
-      SCOPED_TRACE(mails[i]);
-      const DecodedJob& job = handoff.jobs[i];
-      const Expected& expected = reference.at(mails[i]);
-      EXPECT_EQ(job.output, handoff.portfolioOutput);
-      ASSERT_TRUE(job.mail.has_value());
-      EXPECT_EQ(WithoutWhitespace(platform::Utf16ToUtf8(job.mail->subject)),
-                WithoutWhitespace(expected.subject.value_or("")));
-      ExpectExported(job, expected);
-    }
-  }
-
-  // Runs one plain conversion of `mails` and checks each converter start: its own hand-off file,
-  // one job, a well-formed page, and the proposed PDFs named after the subjects.
+  // Runs one plain conversion of `mails` and checks each converter start: its own hand-off file
+  // in the temporary folder, one job, a well-formed page, and the PDF proposed in the chosen
+  // folder under the mail's subject.
   void ConvertPlainAndCheck(const std::vector<std::string>& mails,
                             const std::map<std::string, Expected>& reference) {
-    const RunResult run = Convert({"-d", output_.string(), "--yes"}, mails, mails.size());
-    EXPECT_EQ(run.status, 0) << run.errors;
-    EXPECT_EQ(run.starts.size(), mails.size()) << run.errors;
-
     std::vector<std::string> stems;
-    for (const ConverterStart& start : run.starts) {
+    for (const ConverterStart& start : Convert(mails, /*portfolio=*/false)) {
       const auto option = std::find(start.arguments.begin(), start.arguments.end(), "\\bp");
       ASSERT_TRUE(option != start.arguments.end() && option + 1 != start.arguments.end())
           << ::testing::PrintToString(start.arguments);
@@ -474,9 +404,7 @@ class MailConversion : public ::testing::Test {
       EXPECT_EQ(output.parent_path(), output_);
       EXPECT_EQ(output.extension(), ".pdf");
       stems.push_back(WithoutWhitespace(output.stem().string()));
-      const std::string page = ReadBytes(platform::Utf16ToUtf8(job.page));
-      ASSERT_FALSE(page.empty()) << "no page at " << platform::Utf16ToUtf8(job.page);
-      ExpectWellFormedPage(page);
+      (void)ExpectPage(job);
     }
     // Within one run a name is given once: a subject met again is numbered, and a mail without
     // one is "Untitled".
@@ -485,8 +413,7 @@ class MailConversion : public ::testing::Test {
     for (const std::string& mail : mails) {
       std::string stem = ProposedStem(reference.at(mail).subject.value_or(""));
       if (stem.empty()) stem = "Untitled";
-      const int seen = ++given[stem];
-      if (seen > 1) stem += " (" + std::to_string(seen) + ")";
+      if (const int seen = ++given[stem]; seen > 1) stem += " (" + std::to_string(seen) + ")";
       expectedStems.push_back(WithoutWhitespace(stem));
     }
     std::sort(stems.begin(), stems.end());
@@ -498,21 +425,18 @@ class MailConversion : public ::testing::Test {
   const fs::path store_ = folder_.path() / "store";
   const fs::path output_ = folder_.path() / "out";
   fs::path program_;
+  std::string errors_;  // what the last run wrote to its standard error
   int runs_ = 0;
 };
 
 class CorpusConversion : public MailConversion {
  protected:
   void SetUp() override {
-    if (!fs::is_directory(kCorpusFolder)) {
-      GTEST_SKIP() << "Python's e-mail test corpus is not installed at " << kCorpusFolder;
-    }
+    if (corpus_.empty()) GTEST_SKIP() << "Python's e-mail test corpus is not at " << kCorpusFolder;
     MailConversion::SetUp();
-    corpus_ = MailFiles(kCorpusFolder, "msg_");
-    ASSERT_FALSE(corpus_.empty());
   }
 
-  std::vector<std::string> corpus_;
+  const std::vector<std::string> corpus_ = MailFiles(kCorpusFolder, "msg_");
 };
 
 // One portfolio of the whole corpus: a job per message in selection order, each with its page,
@@ -523,15 +447,12 @@ TEST_F(CorpusConversion, PortfolioExportsEveryMessageAsPythonReadsIt) {
   ConvertPortfolioAndCheck(corpus_);
 }
 
-// Plain runs over a few selections: one converter start per message, each with a hand-off file of
-// its own in the temporary folder, one job, a well-formed page, and the PDF proposed in the chosen
-// folder under the message's subject.
 TEST_F(CorpusConversion, PlainRunsStartOneConverterPerMessage) {
   const std::map<std::string, Expected> reference = ReadReference(corpus_, folder_);
   for (std::size_t first = 0; first < corpus_.size(); first += kPlainBatchSize) {
-    const std::size_t last = std::min(first + kPlainBatchSize, corpus_.size());
-    const std::vector<std::string> batch(corpus_.begin() + static_cast<std::ptrdiff_t>(first),
-                                         corpus_.begin() + static_cast<std::ptrdiff_t>(last));
+    const std::vector<std::string> batch(
+        corpus_.begin() + first,
+        corpus_.begin() + std::min(first + kPlainBatchSize, corpus_.size()));
     SCOPED_TRACE(batch.front() + " and the " + std::to_string(batch.size() - 1) + " after it");
     ConvertPlainAndCheck(batch, reference);
   }

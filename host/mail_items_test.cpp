@@ -86,12 +86,11 @@ TEST_F(MailItems, MailAnswersItsHeaderFieldsAsOutlookShowsThem) {
   EXPECT_EQ(Text(&outlook::_MailItem::get_To, mail.get()), u"Bob; carol@example.org");
   EXPECT_EQ(Text(&outlook::_MailItem::get_CC, mail.get()), u"Dan");
   EXPECT_EQ(Text(&outlook::_MailItem::get_BCC, mail.get()), u"");
-  LONG importance = -1;
-  LONG sensitivity = -1;
+  LONG importance = -1, sensitivity = -1;
   EXPECT_EQ(mail->get_Importance(&importance), S_OK);
   EXPECT_EQ(mail->get_Sensitivity(&sensitivity), S_OK);
-  EXPECT_EQ(importance, 2);
-  EXPECT_EQ(sensitivity, 2);
+  EXPECT_EQ(importance, 2);   // olImportanceHigh, from X-Priority 1
+  EXPECT_EQ(sensitivity, 2);  // olPrivate
   ComPtr<outlook::AddressEntry> sender;
   EXPECT_EQ(mail->get_Sender(sender.put()), S_OK);
   EXPECT_FALSE(sender) << "no Exchange directory stands behind a mail file";
@@ -117,12 +116,8 @@ TEST_F(MailItems, AttachmentsAnswerBareNamesContentIdsAndTheInlineFlag) {
   for (LONG i = 1; i <= count; ++i) {
     const auto& want = expected[i - 1];
     SCOPED_TRACE(platform::Utf16ToUtf8(want.name));
-    VARIANT index;
-    VariantInit(&index);
-    index.vt = VT_I4;
-    index.lVal = i;
     ComPtr<outlook::Attachment> attachment;
-    ASSERT_EQ(attachments->Item(index, attachment.put()), S_OK);
+    ASSERT_EQ(attachments->Item(MakeI4Variant(i), attachment.put()), S_OK);
     UniqueBstr name;
     ASSERT_EQ(attachment->get_FileName(name.put()), S_OK);
     EXPECT_EQ(BstrView(name.get()), want.name);
@@ -144,12 +139,8 @@ TEST_F(MailItems, AttachmentsAnswerBareNamesContentIdsAndTheInlineFlag) {
     EXPECT_EQ(std::filesystem::status(path).permissions() & std::filesystem::perms::all,
               std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
   }
-  VARIANT outside;
-  VariantInit(&outside);
-  outside.vt = VT_I4;
-  outside.lVal = 3;
   ComPtr<outlook::Attachment> none;
-  EXPECT_EQ(attachments->Item(outside, none.put()), DISP_E_BADINDEX);
+  EXPECT_EQ(attachments->Item(MakeI4Variant(3), none.put()), DISP_E_BADINDEX);
 }
 
 TEST_F(MailItems, SaveAsWritesThePageOnlyAsHtml) {
@@ -157,18 +148,15 @@ TEST_F(MailItems, SaveAsWritesThePageOnlyAsHtml) {
       As<outlook::_MeetingItem>(Open("m.eml", kMeetingMail));
   ASSERT_TRUE(meeting);
   const UniqueBstr path = MakeBstr(platform::Utf8ToUtf16(folder_.PathOf("page.html")));
-  VARIANT type;
-  VariantInit(&type);
-  type.vt = VT_I4;
-  type.lVal = 3;  // olMSG: not a form this store writes
-  EXPECT_EQ(meeting->SaveAs(path.get(), type), E_INVALIDARG);
-  EXPECT_FALSE(std::filesystem::exists(folder_.PathOf("page.html")));
-  type.lVal = outlook::olHTML;
-  ASSERT_EQ(meeting->SaveAs(path.get(), type), S_OK);
+  // olMSG (3) is not a form this store writes.
+  EXPECT_EQ(meeting->SaveAs(path.get(), MakeI4Variant(3)), E_INVALIDARG);
+  EXPECT_FALSE(folder_.Exists("page.html"));
+  ASSERT_EQ(meeting->SaveAs(path.get(), MakeI4Variant(outlook::olHTML)), S_OK);
   EXPECT_NE(folder_.Read("page.html").find("Planning"), std::string::npos);
   // A folder that is not there cannot take the page.
   const UniqueBstr nowhere = MakeBstr(platform::Utf8ToUtf16(folder_.PathOf("no/page.html")));
-  EXPECT_EQ(meeting->SaveAs(nowhere.get(), type), static_cast<HRESULT>(0x80070005u));
+  EXPECT_EQ(meeting->SaveAs(nowhere.get(), MakeI4Variant(outlook::olHTML)),
+            static_cast<HRESULT>(0x80070005u));
 }
 
 }  // namespace

@@ -529,7 +529,7 @@ void EndAddressEntry(AddressEntry& entry, std::vector<Mailbox>& mailboxes) {
     mailbox.address = *entry.angle;
     mailbox.name = phraseName.empty() ? commentName : phraseName;
   } else if (entry.atOutsideQuotes) {
-    // An addr-spec, with the blanks an obsolete form allows around its '@' and points, or a name
+    // A bare address (local@domain), with the blanks an obsolete form allows around its '@' and points, or a name
     // before it whose angle brackets were forgotten.
     std::string compact;
     std::vector<std::size_t> blanks;  // blanks of `compact` outside quotes

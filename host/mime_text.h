@@ -47,7 +47,7 @@ struct Mailbox {
 };
 
 // The mailboxes of an address field (From, To, Cc, Bcc, Reply-To) in order: RFC 5322 name-addr
-// and addr-spec forms, quoted strings, comments (a comment stands in as the name when there is no
+// and bare address forms, quoted strings, comments (a comment stands in as the name when there is no
 // other, as in "ann@x.org (Ann Lee)"), groups (their members are listed, the group's name not;
 // a group without members, as "undisclosed-recipients:;", stands as its name without an
 // address), obsolete routes, encoded words in names. Never fails: what cannot be parsed becomes a
