@@ -11,6 +11,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include "bench/bench_folder.h"
 #include "conversion/conversion_driver.h"
 #include "conversion/temp_store.h"
 #include "foundation/paths.h"
@@ -22,38 +23,10 @@
 namespace {
 
 namespace fs = std::filesystem;
+using mrwl::bench::BenchFolder;
 
 constexpr int kAttachments = 5;
 constexpr std::size_t kAttachmentSize = 100 * 1024;
-
-// A scratch temporary folder for the whole run, set as the process's temporary folder.
-class BenchFolder {
- public:
-  BenchFolder() {
-    path_ = fs::temp_directory_path() / ("mrwl-bench-" + std::to_string(std::random_device()()));
-    fs::create_directories(path_);
-    Folder() = mrwl::platform::Utf8ToUtf16(path_.string() + "/");
-    previous_ = mrwl::SetTempFolderHook(&Hook);
-  }
-  ~BenchFolder() {
-    (void)mrwl::SetTempFolderHook(previous_);
-    std::error_code ignored;
-    fs::remove_all(path_, ignored);
-  }
-  const fs::path& path() const { return path_; }
-
- private:
-  static std::u16string& Folder() {
-    static std::u16string folder;
-    return folder;
-  }
-  static bool Hook(mrwl::WideString& result, mrwl::TempFolderFunction) noexcept {
-    result = Folder();
-    return true;
-  }
-  fs::path path_;
-  mrwl::TempFolderHook previous_ = nullptr;
-};
 
 mrwl::ComPtr<mrwl::testing::TestMailItem> MailWithAttachments() {
   auto mail = mrwl::testing::MakeMail(u"Quarterly figures", u"Ann Lee", u"ann.lee@example.org");

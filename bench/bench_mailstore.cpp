@@ -14,6 +14,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include "bench/bench_folder.h"
 #include "conversion/conversion_driver.h"
 #include "conversion/item_wrapper.h"
 #include "conversion/temp_store.h"
@@ -27,6 +28,7 @@
 namespace {
 
 namespace fs = std::filesystem;
+using mrwl::bench::BenchFolder;
 
 constexpr char kCorpusFolder[] = "/usr/lib/python3.11/test/test_email/data";
 
@@ -58,37 +60,6 @@ double PeakResidentKib() {
   }
   return 0;
 }
-
-// A scratch folder for the whole run, set as the process's temporary folder.
-class BenchFolder {
- public:
-  BenchFolder() {
-    path_ = fs::temp_directory_path() / ("mrwl-bench-" + std::to_string(std::random_device()()));
-    fs::create_directories(path_);
-    Folder() = mrwl::platform::Utf8ToUtf16(path_.string() + "/");
-    previous_ = mrwl::SetTempFolderHook(&Hook);
-  }
-  BenchFolder(const BenchFolder&) = delete;
-  BenchFolder& operator=(const BenchFolder&) = delete;
-  ~BenchFolder() {
-    (void)mrwl::SetTempFolderHook(previous_);
-    std::error_code ignored;
-    fs::remove_all(path_, ignored);
-  }
-  const fs::path& path() const { return path_; }
-
- private:
-  static std::u16string& Folder() {
-    static std::u16string folder;
-    return folder;
-  }
-  static bool Hook(mrwl::WideString& result, mrwl::TempFolderFunction) noexcept {
-    result = Folder();
-    return true;
-  }
-  fs::path path_;
-  mrwl::TempFolderHook previous_ = nullptr;
-};
 
 void ReportCounters(benchmark::State& state, std::size_t mailsPerPass) {
   state.counters["mails"] = benchmark::Counter(
