@@ -4,10 +4,9 @@
 // The module keeps its own copies of the foundation and the add-in's code; only the exports leave
 // it. Its lock count is that of addin.h: living Addin objects and LockServer calls.
 
-#include <atomic>
-
 #include "addin/addin.h"
 #include "addin/addin_guids.h"
+#include "addin/registration.h"
 #include "foundation/paths.h"
 #include "foundation/wide_string.h"
 #include "platform/com.h"
@@ -45,11 +44,6 @@ struct ModuleStart {
   }
 };
 const ModuleStart gModuleStart;
-
-// Registration goes through the registrar's scripts, which this module does not carry yet.
-constexpr HRESULT kRegistrationUnavailable = E_NOTIMPL;
-// Per-user registration, switched on by DllInstall for the rest of the process.
-std::atomic<bool> gPerUser{false};
 
 class AddinClassFactory final : public ComObject<IClassFactory> {
  public:
@@ -109,16 +103,17 @@ MRWL_MODULE_EXPORT HRESULT MRWL_MODULE_CALL DllCanUnloadNow() {
 }
 
 MRWL_MODULE_EXPORT HRESULT MRWL_MODULE_CALL DllRegisterServer() {
-  return mrwl::kRegistrationUnavailable;
+  return mrwl::RegisterModule(mrwl::PerUserRegistration());
 }
 
 MRWL_MODULE_EXPORT HRESULT MRWL_MODULE_CALL DllUnregisterServer() {
-  return mrwl::kRegistrationUnavailable;
+  return mrwl::UnregisterModule(mrwl::PerUserRegistration());
 }
 
 MRWL_MODULE_EXPORT HRESULT MRWL_MODULE_CALL DllInstall(BOOL install, const OLECHAR* commandLine) {
+  // The per-user switch holds for the rest of the process, as installers expect.
   if (commandLine != nullptr && mrwl::EqualsUserIgnoringCase(commandLine)) {
-    mrwl::gPerUser.store(true);
+    mrwl::SetPerUserRegistration();
   }
   if (!install) return DllUnregisterServer();
   const HRESULT result = DllRegisterServer();

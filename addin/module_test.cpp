@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "addin/addin_guids.h"
+#include "addin/ribbon.h"
 #include "platform/com.h"
 #include "platform/com_ptr.h"
 #include "platform/kernel.h"
@@ -53,8 +54,7 @@ TEST(AddinModule, ClassFactoryMakesTheAddinAndLocksCountTheObjects) {
   EXPECT_EQ(factory->CreateInstance(outer.get(), IID_IUnknown, aggregated.put_void()),
             CLASS_E_NOAGGREGATION);
   ComPtr<IUnknown> nothing;
-  EXPECT_EQ(factory->CreateInstance(nullptr, IID_IClassFactory, nothing.put_void()),
-            E_NOINTERFACE);
+  EXPECT_EQ(factory->CreateInstance(nullptr, IID_IClassFactory, nothing.put_void()), E_NOINTERFACE);
   EXPECT_EQ(canUnloadNow(), S_OK) << "an object refused is gone again";
 
   ComPtr<office::IDTExtensibility2> addin;
@@ -68,6 +68,26 @@ TEST(AddinModule, ClassFactoryMakesTheAddinAndLocksCountTheObjects) {
   EXPECT_EQ(canUnloadNow(), S_FALSE);
   EXPECT_EQ(factory->LockServer(FALSE), S_OK);
   EXPECT_EQ(canUnloadNow(), S_OK);
+}
+
+TEST(ModuleResources, EveryResourceOfTheModuleIsThereOnce) {
+  const struct {
+    const char16_t* type;
+    int id;
+  } expected[] = {{u"XML", 214},      {u"XML", 107},      {u"PNG", 280},   {u"PNG", 281},
+                  {u"PNG", 282},      {u"PNG", 221},      {u"PNG", 224},   {u"PNG", 222},
+                  {u"REGISTRY", 101}, {u"REGISTRY", 106}, {u"STRING", 100}};
+  for (const auto& resource : expected) {
+    SCOPED_TRACE(resource.id);
+    const ModuleResource* found = FindModuleResource(resource.type, resource.id);
+    ASSERT_NE(found, nullptr);
+    EXPECT_GT(found->size, 0u);
+  }
+  EXPECT_EQ(ModuleResources().size(), std::size(expected));
+  const ModuleResource* name = FindModuleResource(u"STRING", 100);
+  ASSERT_NE(name, nullptr);
+  EXPECT_EQ(std::string(reinterpret_cast<const char*>(name->data), name->size), "OutlookAddin");
+  EXPECT_EQ(FindModuleResource(u"xml", 214), nullptr) << "types are compared exactly";
 }
 
 }  // namespace

@@ -67,13 +67,26 @@ inline constexpr RibbonImageRow RibbonImageTable[3] = {
 // cannot be read, and an id not in the table.
 [[nodiscard]] const RibbonImageRow* FindRibbonImageRow(IUnknown* control) noexcept;
 
-// The ratio of the screen's dots per inch to 96, never below 1.0; the density is read once and
-// cached.
+// The ratio of the screen's dots per inch (LOGPIXELSY of the screen) to 96; 1.0 for 96 and
+// below. The density is read once and cached.
 [[nodiscard]] double GetScreenScale() noexcept;
 
+// For tests only: forgets the cached density, so that the next GetScreenScale reads it afresh.
+void ResetScreenScaleForTesting() noexcept;
+
 // Makes the picture of PNG resource `id` into `picture` (and, when `maskPicture` is given, its
-// mask). Returns S_OK with nothing written where the picture cannot be made.
+// mask), as MakePngPicture does. A resource that is not there gives
+// HRESULT_FROM_WIN32(ERROR_RESOURCE_NAME_NOT_FOUND), an empty one
+// HRESULT_FROM_WIN32(ERROR_RESOURCE_DATA_NOT_FOUND), with nothing written.
 HRESULT LoadPngPicture(int id, IPictureDisp** picture, IPictureDisp** maskPicture) noexcept;
+
+// Decodes the PNG file `png` into picture objects that own their bitmaps. Without `maskPicture`
+// *picture gets one 32-bit picture with the alpha kept, and the result is that of making it.
+// With `maskPicture` *picture gets the colours as a 24-bit picture and *maskPicture a 24-bit mask,
+// black where alpha is 128 or more and white elsewhere; the result is that of making the mask.
+// Data that cannot be decoded gives S_OK with nothing written.
+HRESULT MakePngPicture(std::span<const unsigned char> png, IPictureDisp** picture,
+                       IPictureDisp** maskPicture) noexcept;
 
 // IRibbonCallback.GetImage: the picture of the control's row for the screen's density, or S_OK
 // with `image` unwritten for a control that has no row.

@@ -21,6 +21,7 @@
 #include "foundation/wide_string.h"
 #include "host/convert_command.h"
 #include "host/reg_command.h"
+#include "host/register_command.h"
 #include "host/settings_command.h"
 #include "platform/files.h"
 
@@ -156,6 +157,7 @@ int main(int argc, char** argv) {
   mrwl::AddRegCommand(app, &status);
   mrwl::AddSettingsCommand(app, &status);
   mrwl::AddConvertCommands(app, &status);
+  mrwl::AddRegisterCommands(app, &status);
 
   // CLI11 takes the arguments last first.
   std::reverse(args.begin(), args.end());

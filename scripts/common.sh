@@ -27,7 +27,7 @@ mrwl_require_packages() {
 }
 
 MRWL_BUILD_PACKAGES=(cmake ninja-build g++ pkg-config libgtest-dev libbenchmark-dev libssl-dev
-  libsqlite3-dev libcli11-dev libgmime-3.0-dev libxml2-dev)
+  libsqlite3-dev libcli11-dev libgmime-3.0-dev libxml2-dev libpng-dev)
 
 # Configures and builds one folder: mrwl_build DIR [cmake options...]
 mrwl_build() {

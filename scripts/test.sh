@@ -3,8 +3,9 @@
 # and UndefinedBehaviorSanitizer, and the guard that the portable sources compile for Windows.
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
-# Python's e-mail test corpus and Python itself, the reference for decoded header fields.
-mrwl_require_packages "${MRWL_BUILD_PACKAGES[@]}" g++-mingw-w64-x86-64-posix python3 \
+# Python's e-mail test corpus and Python itself, the reference for decoded header fields, and
+# the sqlite3 program, which the registration tests use to make the hive refuse a write.
+mrwl_require_packages "${MRWL_BUILD_PACKAGES[@]}" g++-mingw-w64-x86-64-posix python3 sqlite3 \
   libpython3.11-testsuite
 
 echo "== Windows compile guard"

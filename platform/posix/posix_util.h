@@ -4,6 +4,7 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "platform/win_types.h"
 
@@ -20,6 +21,11 @@ DWORD SetLastErrorFromErrno() noexcept;
 [[nodiscard]] std::u16string FromUtf8(std::string_view text);
 // A NUL-terminated UTF-16 text as UTF-8; empty for null.
 [[nodiscard]] std::string ToUtf8(const char16_t* text);
+
+// Runs the program argv[0] (looked up on PATH) with `argv` to its end, input from /dev/null,
+// collecting its standard output in `output` (when not null). True when it ended with status 0
+// within `timeoutMs`; a child still running then is killed.
+bool RunAndCapture(const std::vector<std::string>& argv, std::string* output, int timeoutMs);
 
 // 100 ns units since 1601-01-01 for a POSIX time.
 [[nodiscard]] ULONGLONG FileTimeFromUnix(long long seconds, long nanoseconds) noexcept;

@@ -184,7 +184,8 @@ bool WaitFor(pid_t pid, std::chrono::milliseconds limit, int* status) {
 
 // Runs `argv` to its end, collecting its standard output. Returns false if it could not start,
 // timed out, or ended with a non-zero status.
-bool RunCapture(const std::vector<std::string>& argv, std::string* output) {
+bool RunCapture(const std::vector<std::string>& argv, std::string* output,
+                int timeoutMs = kQueryTimeoutMs) {
   int fds[2];
   if (pipe2(fds, O_CLOEXEC) != 0) return false;
   pid_t pid = 0;
@@ -195,7 +196,7 @@ bool RunCapture(const std::vector<std::string>& argv, std::string* output) {
     return false;
   }
   const auto deadline =
-      std::chrono::steady_clock::now() + std::chrono::milliseconds(kQueryTimeoutMs);
+      std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
   bool timedOut = false;
   char buffer[4096];
   for (;;) {
@@ -513,6 +514,11 @@ int HexValue(char c) {
 }
 
 }  // namespace
+
+bool posix::RunAndCapture(const std::vector<std::string>& argv, std::string* output,
+                          int timeoutMs) {
+  return RunCapture(argv, output, timeoutMs);
+}
 
 char16_t** CommandLineToArgvW(const char16_t* commandLine, int* count) noexcept {
   if (count == nullptr) {
