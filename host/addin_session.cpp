@@ -46,6 +46,7 @@ struct RibbonButton {
   std::string id;
   std::string onAction;
   std::string getEnabled;
+  std::string getImage;
 };
 
 struct XmlDocFree {
@@ -74,7 +75,7 @@ std::optional<RibbonButton> FindButton(xmlNode* node, const std::string& label) 
     if (xmlStrcmp(node->name, reinterpret_cast<const xmlChar*>("button")) == 0 &&
         Attribute(node, "label") == label) {
       return RibbonButton{Attribute(node, "id"), Attribute(node, "onAction"),
-                          Attribute(node, "getEnabled")};
+                          Attribute(node, "getEnabled"), Attribute(node, "getImage")};
     }
     if (auto found = FindButton(node->children, label)) return found;
   }
@@ -181,6 +182,13 @@ bool AddinSession::Click(const std::u16string& label, std::string* error) {
     return false;
   }
   const auto control = MakeComObject<HostRibbonControl>(platform::Utf8ToUtf16(button->id));
+  // Office draws the button before it can be clicked; a button without a picture still works.
+  if (!button->getImage.empty()) {
+    VARIANT picture;
+    VariantInit(&picture);
+    (void)InvokeCallback(platform::Utf8ToUtf16(button->getImage), control.get(), &picture);
+    VariantClear(&picture);
+  }
   if (!button->getEnabled.empty()) {
     VARIANT enabled;
     VariantInit(&enabled);
