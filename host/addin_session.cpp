@@ -21,25 +21,7 @@ using GetClassObjectFunction = HRESULT (*)(REFCLSID, REFIID, void**);
 
 constexpr char kModuleFileName[] = "libmrwl-addin.so";
 
-std::string Hex(HRESULT result) {
-  char text[16];
-  std::snprintf(text, sizeof text, "0x%08X", static_cast<unsigned>(result));
-  return text;
-}
-
 std::string Narrow(std::u16string_view text) { return platform::Utf16ToUtf8(text); }
-
-// What the system says about an error number, without its line end.
-std::string ErrorText(DWORD error) {
-  char16_t buffer[512];
-  const DWORD length = platform::FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM, nullptr, error, 0,
-                                                buffer, static_cast<DWORD>(std::size(buffer)));
-  std::string sentence = Narrow(std::u16string_view(buffer, length));
-  while (!sentence.empty() && (sentence.back() == '\n' || sentence.back() == '\r')) {
-    sentence.pop_back();
-  }
-  return sentence;
-}
 
 // One button of a ribbon document: its id and the callbacks it names.
 struct RibbonButton {
@@ -84,6 +66,33 @@ std::optional<RibbonButton> FindButton(xmlNode* node, const std::string& label) 
 
 }  // namespace
 
+std::string HexResult(HRESULT result) {
+  char text[16];
+  std::snprintf(text, sizeof text, "0x%08X", static_cast<unsigned>(result));
+  return text;
+}
+
+std::string ErrorText(DWORD error) {
+  char16_t buffer[512];
+  const DWORD length = platform::FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM, nullptr, error, 0,
+                                                buffer, static_cast<DWORD>(std::size(buffer)));
+  std::string sentence = Narrow(std::u16string_view(buffer, length));
+  while (!sentence.empty() && (sentence.back() == '\n' || sentence.back() == '\r')) {
+    sentence.pop_back();
+  }
+  return sentence;
+}
+
+HMODULE LoadAddinModule(const std::u16string& modulePath, std::string* error) {
+  const HMODULE module = platform::LoadLibraryW(modulePath.c_str());
+  if (module != nullptr) return module;
+  std::string why = ErrorText(platform::GetLastError());
+  const std::u16string loader = platform::GetModuleLoadProblem();
+  if (!loader.empty()) why += " (" + Narrow(loader) + ")";
+  *error = "Cannot load the add-in module " + Narrow(modulePath) + ": " + why;
+  return nullptr;
+}
+
 std::u16string AddinModulePath() {
   char16_t buffer[4096];
   const DWORD length = platform::GetEnvironmentVariableW(u"MRWL_ADDIN", buffer,
@@ -101,15 +110,8 @@ std::u16string AddinModulePath() {
 AddinSession::~AddinSession() { Disconnect(); }
 
 bool AddinSession::Load(const std::u16string& modulePath, std::string* error) {
-  module_ = platform::LoadLibraryW(modulePath.c_str());
-  if (module_ == nullptr) {
-    const DWORD code = platform::GetLastError();
-    std::string why = ErrorText(code);
-    const std::u16string loader = platform::GetModuleLoadProblem();
-    if (!loader.empty()) why += " (" + Narrow(loader) + ")";
-    *error = "Cannot load the add-in module " + Narrow(modulePath) + ": " + why;
-    return false;
-  }
+  module_ = LoadAddinModule(modulePath, error);
+  if (module_ == nullptr) return false;
   const auto getClassObject = reinterpret_cast<GetClassObjectFunction>(
       platform::GetProcAddress(module_, "DllGetClassObject"));
   if (getClassObject == nullptr) {
@@ -124,7 +126,7 @@ bool AddinSession::Load(const std::u16string& modulePath, std::string* error) {
   }
   if (FAILED(result) || !addin_) {
     *error = "The add-in module " + Narrow(modulePath) + " did not make its add-in object (" +
-             Hex(result) + ").";
+             HexResult(result) + ").";
     return false;
   }
   return true;
@@ -134,7 +136,7 @@ bool AddinSession::Connect(HostApplication* application, std::string* error) {
   const HRESULT result = addin_->OnConnection(static_cast<IDispatch*>(application),
                                               office::ext_cm_Startup, nullptr, nullptr);
   if (FAILED(result)) {
-    *error = "The add-in refused the connection with Outlook (" + Hex(result) + ").";
+    *error = "The add-in refused the connection with Outlook (" + HexResult(result) + ").";
     return false;
   }
   connected_ = true;
@@ -154,7 +156,7 @@ bool AddinSession::LoadRibbon(const std::u16string& ribbonId, std::string* error
   const HRESULT result = extensibility->GetCustomUI(id.get(), xml.put());
   ribbonXml_ = std::u16string(BstrView(xml.get()));
   if (FAILED(result) || ribbonXml_.empty()) {
-    *error = "The add-in gave no ribbon for " + Narrow(ribbonId) + " (" + Hex(result) + ").";
+    *error = "The add-in gave no ribbon for " + Narrow(ribbonId) + " (" + HexResult(result) + ").";
     return false;
   }
   const XmlDocument document = ParseRibbon(ribbonXml_);
@@ -205,7 +207,7 @@ bool AddinSession::Click(const std::u16string& label, std::string* error) {
   const HRESULT result =
       InvokeCallback(platform::Utf8ToUtf16(button->onAction), control.get(), nullptr);
   if (FAILED(result)) {
-    *error = "The button \"" + Narrow(label) + "\" failed (" + Hex(result) + ").";
+    *error = "The button \"" + Narrow(label) + "\" failed (" + HexResult(result) + ").";
     return false;
   }
   return true;

@@ -22,6 +22,16 @@ inline constexpr char16_t kMailReadRibbonId[] = u"Microsoft.Outlook.Mail.Read";
 // The module the host loads: the file MRWL_ADDIN names, else libmrwl-addin.so beside the program.
 [[nodiscard]] std::u16string AddinModulePath();
 
+// Loads the module file at `modulePath` for the rest of the process. Null on failure, with a
+// sentence in `error` that names the module and what the loader said.
+[[nodiscard]] HMODULE LoadAddinModule(const std::u16string& modulePath, std::string* error);
+
+// A result as a report shows it: "0x8007000D".
+[[nodiscard]] std::string HexResult(HRESULT result);
+// What the system says about an error number or HRESULT, without its line end; empty when it has
+// no text for it.
+[[nodiscard]] std::string ErrorText(DWORD error);
+
 class AddinSession {
  public:
   AddinSession() = default;

@@ -24,22 +24,6 @@ constexpr char16_t kPerUserCommandLine[] = u"user";
 
 std::string Narrow(std::u16string_view text) { return platform::Utf16ToUtf8(text); }
 
-// The system's text of an error number, without its line end; empty when it has none.
-std::string ErrorText(DWORD code) {
-  char16_t buffer[512];
-  DWORD length =
-      platform::FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr,
-                               code, 0, buffer, static_cast<DWORD>(std::size(buffer)));
-  while (length > 0 && (buffer[length - 1] == u'\r' || buffer[length - 1] == u'\n')) --length;
-  return Narrow(std::u16string_view(buffer, length));
-}
-
-std::string Hex(DWORD value) {
-  char text[16];
-  std::snprintf(text, sizeof text, "0x%08X", static_cast<unsigned>(value));
-  return text;
-}
-
 void Report(const std::string& text) { std::fprintf(stderr, "mrwl: %s\n", text.c_str()); }
 
 // Loads the module and calls its DllInstall with `commandLine` (may be null); 0 when the export
@@ -47,13 +31,10 @@ void Report(const std::string& text) { std::fprintf(stderr, "mrwl: %s\n", text.c
 // process, as with an installer.
 int RunInstall(bool install, const char16_t* commandLine) {
   const std::u16string modulePath = host::AddinModulePath();
-  const HMODULE module = platform::LoadLibraryW(modulePath.c_str());
+  std::string error;
+  const HMODULE module = host::LoadAddinModule(modulePath, &error);
   if (module == nullptr) {
-    const DWORD code = platform::GetLastError();
-    std::string why = ErrorText(code);
-    const std::u16string loader = platform::GetModuleLoadProblem();
-    if (!loader.empty()) why += " (" + Narrow(loader) + ")";
-    Report("Cannot load the add-in module " + Narrow(modulePath) + ": " + why);
+    Report(error);
     return 1;
   }
   const auto dllInstall =
@@ -64,10 +45,9 @@ int RunInstall(bool install, const char16_t* commandLine) {
   }
   const HRESULT result = dllInstall(install ? TRUE : FALSE, commandLine);
   if (FAILED(result)) {
-    const std::string text = ErrorText(static_cast<DWORD>(result));
+    const std::string text = host::ErrorText(static_cast<DWORD>(result));
     Report(std::string(install ? "Registration" : "Unregistration") + " of " + Narrow(modulePath) +
-           " failed: " + Hex(static_cast<DWORD>(result)) +
-           (text.empty() ? std::string() : " " + text));
+           " failed: " + host::HexResult(result) + (text.empty() ? std::string() : " " + text));
     return 1;
   }
   return 0;
