@@ -19,45 +19,35 @@ std::string Narrow(std::u16string_view text) { return platform::Utf16ToUtf8(text
 
 // Every key below `key` as one line: its path, then each value as " name=data" (@ for the
 // default value, #n for a DWORD, hex: for bytes).
-void Dump(HKEY key, const std::string& path, std::string& out) {
-  out += path;
-  for (DWORD index = 0;; ++index) {
-    char16_t name[256];
-    DWORD nameLength = 256;
-    DWORD type = 0;
-    BYTE data[1024];
-    DWORD size = sizeof data;
-    if (platform::RegEnumValueW(key, index, name, &nameLength, nullptr, &type, data, &size) !=
-        ERROR_SUCCESS) {
-      break;
-    }
-    out += " " + (nameLength == 0 ? std::string("@") : Narrow({name, nameLength})) + "=";
+std::string Dump(HKEY key, const std::string& path) {
+  std::string out = path;
+  char16_t name[256];
+  BYTE data[1024];
+  for (DWORD i = 0, length = 256, type = 0, size = sizeof data;
+       platform::RegEnumValueW(key, i, name, &length, nullptr, &type, data, &size) == ERROR_SUCCESS;
+       ++i, length = 256, size = sizeof data) {
+    out += " " + (length == 0 ? std::string("@") : Narrow({name, length})) + "=";
     if (type == REG_SZ) {
       out += Narrow({reinterpret_cast<const char16_t*>(data), size / 2 - 1});
     } else if (type == REG_DWORD) {
       out += "#" + std::to_string(*reinterpret_cast<const DWORD*>(data));
     } else {
+      constexpr char kHex[] = "0123456789ABCDEF";
       out += "hex:";
-      for (DWORD i = 0; i < size; ++i) {
-        out += "0123456789ABCDEF"[data[i] >> 4];
-        out += "0123456789ABCDEF"[data[i] & 15];
-      }
+      for (DWORD b = 0; b < size; ++b) out += {kHex[data[b] >> 4], kHex[data[b] & 15]};
     }
   }
   out += "\n";
-  for (DWORD index = 0;; ++index) {
-    char16_t name[256];
-    DWORD nameLength = 256;
-    if (platform::RegEnumKeyExW(key, index, name, &nameLength, nullptr, nullptr, nullptr,
-                                nullptr) != ERROR_SUCCESS) {
-      break;
-    }
+  for (DWORD i = 0, length = 256; platform::RegEnumKeyExW(key, i, name, &length, nullptr, nullptr,
+                                                          nullptr, nullptr) == ERROR_SUCCESS;
+       ++i, length = 256) {
+    const std::u16string subName(name, length);
     UniqueRegKey subkey;
-    const std::u16string subName(name, nameLength);
     if (platform::RegOpenKeyExW(key, subName.c_str(), 0, KEY_READ, subkey.put()) == ERROR_SUCCESS) {
-      Dump(subkey.get(), path + "\\" + Narrow(subName), out);
+      out += Dump(subkey.get(), path + "\\" + Narrow(subName));
     }
   }
+  return out;
 }
 
 class RegistrarTest : public ::testing::Test {
@@ -72,25 +62,14 @@ class RegistrarTest : public ::testing::Test {
     for (const auto& [root, name] :
          {std::pair{HKEY_CLASSES_ROOT, "HKCR"}, std::pair{HKEY_CURRENT_USER, "HKCU"},
           std::pair{HKEY_LOCAL_MACHINE, "HKLM"}}) {
-      std::string dump;
-      Dump(root, name, dump);
+      const std::string dump = Dump(root, name);
       out += dump.substr(dump.find('\n') + 1);
     }
     return out;
   }
 
-  // Writes a text value that the scripts know nothing of (empty `name`: the default value).
-  void Put(HKEY root, const std::u16string& path, const std::u16string& name = u"",
-           const std::u16string& text = u"theirs") {
-    UniqueRegKey key;
-    ASSERT_EQ(ERROR_SUCCESS,
-              platform::RegCreateKeyExW(root, path.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr,
-                                        key.put(), nullptr));
-    ASSERT_EQ(ERROR_SUCCESS,
-              platform::RegSetValueExW(key.get(), name.empty() ? nullptr : name.c_str(), 0, REG_SZ,
-                                       reinterpret_cast<const BYTE*>(text.c_str()),
-                                       static_cast<DWORD>((text.size() + 1) * 2)));
-  }
+  // Writes keys as another installer would, through a registrar of its own.
+  static void Others(std::u16string_view script) { ASSERT_EQ(S_OK, Registrar().Register(script)); }
 
   testing::TempFolder folder_;
   testing::ScopedEnv hive_{"MRWL_REGISTRY", folder_.PathOf("hive.db")};
@@ -194,16 +173,14 @@ TEST_F(RegistrarTest, UnregisteringSparesWhatOthersKeepAndForceRemoveTakesTheTre
       u" Gone { val V = d 1 }\n"
       u" Delete Old\n"
       u"}\n";
-  Put(HKEY_CLASSES_ROOT, u"Old\\Deep");
-  Put(HKEY_CLASSES_ROOT, u"CLSID\\{C}\\Stale");
+  Others(u"HKCR { Old { Deep } CLSID { {C} { Stale } } }");
   ASSERT_EQ(S_OK, Register(kScript)) << Error();
   // ForceRemove cleared the class's key before writing it; Delete took Old away.
   EXPECT_EQ(Hive(),
             "HKCR\\CLSID\nHKCR\\CLSID\\{C} @=Class\nHKCR\\CLSID\\{C}\\Programmable\n"
             "HKCR\\Gone V=#1\nHKCR\\Shared @=ours Mine=x\nHKCR\\Shared\\Sub\n");
 
-  Put(HKEY_CLASSES_ROOT, u"Shared", u"Theirs");
-  Put(HKEY_CLASSES_ROOT, u"CLSID\\{C}\\Added");
+  Others(u"HKCR { Shared { val Theirs = s 'theirs' } CLSID { {C} { Added } } }");
   ASSERT_EQ(S_OK, Unregister(kScript)) << Error();
   EXPECT_EQ(Hive(), "HKCR\\CLSID\nHKCR\\Shared Theirs=theirs\n");
   // Unregistering what is not there is no failure.
@@ -211,7 +188,7 @@ TEST_F(RegistrarTest, UnregisteringSparesWhatOthersKeepAndForceRemoveTakesTheTre
 }
 
 TEST_F(RegistrarTest, AFailingRegistrationTakesBackEverythingItWrote) {
-  Put(HKEY_LOCAL_MACHINE, u"Software", u"Kept", u"1");
+  Others(u"HKLM { Software { val Kept = s '1' } }");
   ASSERT_EQ(S_OK, Register(u"HKCR { First { val A = s 'a' } }")) << Error();
   const std::u16string tooLong(256, u'k');
   const std::u16string script =

@@ -26,10 +26,9 @@ constexpr unsigned char kFourPixels[] = {
     0x38, 0x71, 0xE9, 0xCE, 0x7F, 0x00, 0x1F, 0x9F, 0x06, 0x37, 0x95, 0x20, 0x22, 0xB3,
     0x00, 0x00, 0x00, 0x00, 0x49, 0x45, 0x4E, 0x44, 0xAE, 0x42, 0x60, 0x82};
 
-// A bitmap's size and depth and its pixels, row by row without padding.
+// A bitmap's width and depth and its pixels, row by row without padding.
 struct Pixels {
   LONG width = 0;
-  LONG height = 0;
   WORD bitsPerPixel = 0;
   Bytes bytes;
 };
@@ -38,7 +37,7 @@ Pixels Read(HBITMAP bitmap) {
   Pixels result;
   BITMAP info{};
   if (platform::GetObjectW(bitmap, sizeof info, &info) == 0) return result;
-  result = {info.bmWidth, info.bmHeight, info.bmBitsPixel, {}};
+  result = {info.bmWidth, info.bmBitsPixel, {}};
   for (LONG y = 0; y < info.bmHeight; ++y) {
     const auto* row = static_cast<const unsigned char*>(info.bmBits) + y * info.bmWidthBytes;
     result.bytes.insert(result.bytes.end(), row, row + info.bmWidth * info.bmBitsPixel / 8);
@@ -73,17 +72,14 @@ TEST(RibbonPictures, EachButtonHasAnAntialiasedRgbaPngOfItsSize) {
     SCOPED_TRACE(c.id);
     const ModuleResource* resource = FindModuleResource(u"PNG", c.id);
     ASSERT_NE(nullptr, resource);
-    ASSERT_GT(resource->size, 33u);
-    // The header: width and height big-endian at 16 and 20, then depth 8 and colour type 6.
-    const unsigned char* header = resource->data;
-    EXPECT_EQ(c.side, header[16] << 24 | header[17] << 16 | header[18] << 8 | header[19]);
-    EXPECT_EQ(c.side, header[20] << 24 | header[21] << 16 | header[22] << 8 | header[23]);
-    EXPECT_EQ(8, header[24]);
-    EXPECT_EQ(6, header[25]);
+    ASSERT_GT(resource->size, 26u);
+    // Width and height big-endian, then depth 8 and colour type 6, RGBA.
+    const auto side = static_cast<unsigned char>(c.side);
+    EXPECT_EQ(Bytes(resource->data + 16, resource->data + 26),
+              (Bytes{0, 0, 0, side, 0, 0, 0, side, 8, 6}));
 
     const Pixels pixels = DecodeResource(c.id);
-    ASSERT_EQ(c.side, pixels.width);
-    ASSERT_EQ(c.side, pixels.height);
+    ASSERT_EQ(static_cast<std::size_t>(c.side * c.side * 4), pixels.bytes.size());
     std::set<std::uint32_t> colours;
     int clear = 0, opaque = 0, edge = 0;
     for (std::size_t i = 0; i < pixels.bytes.size(); i += 4) {
@@ -146,15 +142,11 @@ TEST_F(RibbonImageTest, TheScreenDensityPicksTheRowsColumnAbove125Percent) {
     EXPECT_EQ(32, shown.bitsPerPixel);
     EXPECT_EQ(DecodeResource(c.png).bytes, shown.bytes);
   }
-}
-
-TEST_F(RibbonImageTest, TheDensityIsReadOnceUntilTheCacheIsReset) {
-  SetDpi(144);
-  EXPECT_DOUBLE_EQ(1.5, GetScreenScale());
-  ASSERT_TRUE(dpi_.Set("96"));
-  EXPECT_DOUBLE_EQ(1.5, GetScreenScale());
-  ResetScreenScaleForTesting();
+  // The density is read once, until the cache is reset.
+  ASSERT_TRUE(dpi_.Set("144"));
   EXPECT_DOUBLE_EQ(1.0, GetScreenScale());
+  ResetScreenScaleForTesting();
+  EXPECT_DOUBLE_EQ(1.5, GetScreenScale());
 }
 
 TEST_F(RibbonImageTest, ControlsWithoutARowAndMissingResourcesGiveNoPicture) {
@@ -172,7 +164,7 @@ TEST_F(RibbonImageTest, ControlsWithoutARowAndMissingResourcesGiveNoPicture) {
   EXPECT_EQ(sentinel, image);
 }
 
-TEST(PngPictures, TheMaskIsBlackFromAlpha128AndTheColoursLoseTheirAlpha) {
+TEST(PngPictures, TheMaskIsBlackFromAlpha128AndTheColoursLoseTheirAlphaAndBadDataGivesNone) {
   IPictureDisp* picture = nullptr;
   IPictureDisp* mask = nullptr;
   ASSERT_EQ(S_OK, MakePngPicture(kFourPixels, &picture, &mask));
@@ -193,14 +185,12 @@ TEST(PngPictures, TheMaskIsBlackFromAlpha128AndTheColoursLoseTheirAlpha) {
   ASSERT_EQ(S_OK, LoadPngPicture(281, &picture, &mask));
   EXPECT_EQ(32, ReadPicture(picture).width);
   EXPECT_EQ(32 * 32 * 3u, ReadPicture(mask).bytes.size());
-}
 
-TEST(PngPictures, DataThatCannotBeDecodedGivesSuccessAndNoPicture) {
+  // Data that cannot be decoded gives success and no picture.
   Bytes damaged(std::begin(kFourPixels), std::end(kFourPixels));
   damaged[45] ^= 0xFF;  // inside the compressed data, so that its chunk checksum fails
   auto* sentinel = reinterpret_cast<IPictureDisp*>(0x10);
-  IPictureDisp* picture = sentinel;
-  IPictureDisp* mask = sentinel;
+  picture = mask = sentinel;
   EXPECT_EQ(S_OK, MakePngPicture(damaged, &picture, &mask));
   EXPECT_EQ(S_OK, MakePngPicture(std::span<const unsigned char>(), &picture, nullptr));
   EXPECT_EQ(sentinel, picture);

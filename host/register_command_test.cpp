@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -19,75 +20,57 @@ namespace fs = std::filesystem;
 using Args = std::vector<std::string>;
 
 constexpr char kClsid[] = "{D47BD98A-B3C5-4D37-8BA5-F1058527AC4A}";
+constexpr char kAddIns[] = "HKLM\\Software\\Microsoft\\Office\\Outlook\\AddIns";
 
-// The classes' keys below `$R` (HKCR, or HKCU\Software\Classes), as Compact() shows them; $M is
-// the module's path, $F its folder and $P the platform of the type library's file.
+// The classes' keys below `$R` (HKCR, or HKCU\Software\Classes) as Query() shows them; $C is the
+// class id, $I the callback interface's id, $T the type library's id, $M the module's path, $F its
+// folder and $P the platform of the type library's file.
 constexpr char kClassesKeys[] = R"($R\AppID
-$R\AppID\MRWOutlookAddin.x86.dll
-  AppID REG_SZ {B5B132C6-5150-47BB-94DB-7343149F66DC}
-$R\AppID\{B5B132C6-5150-47BB-94DB-7343149F66DC}
-  (Default) REG_SZ Marrowline Outlook Addin
+$R\AppID\MRWOutlookAddin.x86.dll | AppID REG_SZ {B5B132C6-5150-47BB-94DB-7343149F66DC}
+$R\AppID\{B5B132C6-5150-47BB-94DB-7343149F66DC} | (Default) REG_SZ Marrowline Outlook Addin
 $R\CLSID
-$R\CLSID\{D47BD98A-B3C5-4D37-8BA5-F1058527AC4A}
-  (Default) REG_SZ Marrowline Outlook Addin Class
-$R\CLSID\{D47BD98A-B3C5-4D37-8BA5-F1058527AC4A}\InprocServer32
-  (Default) REG_SZ $M
-  ThreadingModel REG_SZ Apartment
-$R\CLSID\{D47BD98A-B3C5-4D37-8BA5-F1058527AC4A}\ProgID
-  (Default) REG_SZ MRWOutlookAddin.Addin.1
-$R\CLSID\{D47BD98A-B3C5-4D37-8BA5-F1058527AC4A}\Programmable
-$R\CLSID\{D47BD98A-B3C5-4D37-8BA5-F1058527AC4A}\TypeLib
-  (Default) REG_SZ {2304365D-BB13-4162-B262-018399D69104}
-$R\CLSID\{D47BD98A-B3C5-4D37-8BA5-F1058527AC4A}\Version
-  (Default) REG_SZ 1.0
-$R\CLSID\{D47BD98A-B3C5-4D37-8BA5-F1058527AC4A}\VersionIndependentProgID
-  (Default) REG_SZ MRWOutlookAddin.Addin
+$R\CLSID\$C | (Default) REG_SZ Marrowline Outlook Addin Class
+$R\CLSID\$C\InprocServer32 | (Default) REG_SZ $M | ThreadingModel REG_SZ Apartment
+$R\CLSID\$C\ProgID | (Default) REG_SZ MRWOutlookAddin.Addin.1
+$R\CLSID\$C\Programmable
+$R\CLSID\$C\TypeLib | (Default) REG_SZ $T
+$R\CLSID\$C\Version | (Default) REG_SZ 1.0
+$R\CLSID\$C\VersionIndependentProgID | (Default) REG_SZ MRWOutlookAddin.Addin
 $R\Interface
-$R\Interface\{0A2B2726-7F4B-4F5A-9512-EE60F2651E8D}
-  (Default) REG_SZ IRibbonCallback
-$R\Interface\{0A2B2726-7F4B-4F5A-9512-EE60F2651E8D}\ProxyStubClsid32
-  (Default) REG_SZ {00020424-0000-0000-C000-000000000046}
-$R\Interface\{0A2B2726-7F4B-4F5A-9512-EE60F2651E8D}\TypeLib
-  (Default) REG_SZ {2304365D-BB13-4162-B262-018399D69104}
-  Version REG_SZ 1.0
-$R\MRWOutlookAddin.Addin
-  (Default) REG_SZ Marrowline Outlook Addin Class
-$R\MRWOutlookAddin.Addin\CLSID
-  (Default) REG_SZ {D47BD98A-B3C5-4D37-8BA5-F1058527AC4A}
-$R\MRWOutlookAddin.Addin\CurVer
-  (Default) REG_SZ MRWOutlookAddin.Addin.1
-$R\MRWOutlookAddin.Addin.1
-  (Default) REG_SZ Marrowline Outlook Addin Class
-$R\MRWOutlookAddin.Addin.1\CLSID
-  (Default) REG_SZ {D47BD98A-B3C5-4D37-8BA5-F1058527AC4A}
+$R\Interface\$I | (Default) REG_SZ IRibbonCallback
+$R\Interface\$I\ProxyStubClsid32 | (Default) REG_SZ {00020424-0000-0000-C000-000000000046}
+$R\Interface\$I\TypeLib | (Default) REG_SZ $T | Version REG_SZ 1.0
+$R\MRWOutlookAddin.Addin | (Default) REG_SZ Marrowline Outlook Addin Class
+$R\MRWOutlookAddin.Addin\CLSID | (Default) REG_SZ $C
+$R\MRWOutlookAddin.Addin\CurVer | (Default) REG_SZ MRWOutlookAddin.Addin.1
+$R\MRWOutlookAddin.Addin.1 | (Default) REG_SZ Marrowline Outlook Addin Class
+$R\MRWOutlookAddin.Addin.1\CLSID | (Default) REG_SZ $C
 $R\TypeLib
-$R\TypeLib\{2304365D-BB13-4162-B262-018399D69104}
-$R\TypeLib\{2304365D-BB13-4162-B262-018399D69104}\1.0
-  (Default) REG_SZ OutlookAddinLib
-$R\TypeLib\{2304365D-BB13-4162-B262-018399D69104}\1.0\0
-$R\TypeLib\{2304365D-BB13-4162-B262-018399D69104}\1.0\0\$P
-  (Default) REG_SZ $M
-$R\TypeLib\{2304365D-BB13-4162-B262-018399D69104}\1.0\FLAGS
-  (Default) REG_SZ 0
-$R\TypeLib\{2304365D-BB13-4162-B262-018399D69104}\1.0\HELPDIR
-  (Default) REG_SZ $F
+$R\TypeLib\$T
+$R\TypeLib\$T\1.0 | (Default) REG_SZ OutlookAddinLib
+$R\TypeLib\$T\1.0\0
+$R\TypeLib\$T\1.0\0\$P | (Default) REG_SZ $M
+$R\TypeLib\$T\1.0\FLAGS | (Default) REG_SZ 0
+$R\TypeLib\$T\1.0\HELPDIR | (Default) REG_SZ $F
 )";
 
+// What unregistration leaves of them: the keys others share.
+constexpr char kSharedKeys[] = "$R\\AppID\n$R\\CLSID\n$R\\Interface\n$R\\TypeLib\n";
+
+// HKLM with a value of another add-in's.
 constexpr char kOfficeKeys[] = R"(HKLM
 HKLM\Software
 HKLM\Software\Microsoft
 HKLM\Software\Microsoft\Office
 HKLM\Software\Microsoft\Office\Outlook
-HKLM\Software\Microsoft\Office\Outlook\AddIns
+HKLM\Software\Microsoft\Office\Outlook\AddIns | Other REG_SZ kept
 )";
 
-constexpr char kAddinKey[] = R"(HKLM\Software\Microsoft\Office\Outlook\AddIns\MRWOutlookAddin.Addin
-  FriendlyName REG_SZ Marrowline Outlook Addin
-  Description REG_SZ Marrowline Outlook Addin
-  Publisher REG_SZ Brindlemoor Ltd.
-  LoadBehavior REG_DWORD 0x3
-  CommandLineSafe REG_DWORD 0x0
-)";
+constexpr char kAddinKey[] =
+    "HKLM\\Software\\Microsoft\\Office\\Outlook\\AddIns\\MRWOutlookAddin.Addin"
+    " | FriendlyName REG_SZ Marrowline Outlook Addin | Description REG_SZ Marrowline Outlook Addin"
+    " | Publisher REG_SZ Brindlemoor Ltd. | LoadBehavior REG_DWORD 0x3"
+    " | CommandLineSafe REG_DWORD 0x0\n";
 
 void ReplaceAll(std::string& text, const std::string& from, const std::string& to) {
   for (std::size_t at = text.find(from); at != std::string::npos; at = text.find(from, at)) {
@@ -95,6 +78,14 @@ void ReplaceAll(std::string& text, const std::string& from, const std::string& t
     at += to.size();
   }
 }
+
+// What Query() makes of `reg query` output: a key's values join its line.
+constexpr std::pair<const char*, const char*> kCompact[] = {{"\n    ", " | "},
+                                                            {"    ", " "},
+                                                            {"\n\n", "\n"},
+                                                            {"HKEY_CLASSES_ROOT", "HKCR"},
+                                                            {"HKEY_CURRENT_USER", "HKCU"},
+                                                            {"HKEY_LOCAL_MACHINE", "HKLM"}};
 
 struct Outcome {
   int status = -1;
@@ -132,119 +123,71 @@ class RegisterCommand : public ::testing::Test {
     EXPECT_EQ(outcome.err, "");
   }
 
-  // `mrwl reg query KEY /s`, one line a key and an indented line a value, roots abbreviated.
+  // `mrwl reg query KEY /s`, a line a key with its values after " | ", roots abbreviated.
   std::string Query(const std::string& key) {
-    const Outcome outcome = Run({"reg", "query", key, "/s"});
+    Outcome outcome = Run({"reg", "query", key, "/s"});
     EXPECT_EQ(outcome.status, 0) << outcome.err;
-    std::string compact;
-    std::size_t start = 0;
-    for (std::size_t end; (end = outcome.out.find('\n', start)) != std::string::npos;
-         start = end + 1) {
-      std::string line = outcome.out.substr(start, end - start);
-      if (line.empty()) continue;
-      if (line.starts_with("    ")) {
-        line = "  " + line.substr(4);
-        ReplaceAll(line, "    ", " ");
-      }
-      ReplaceAll(line, "HKEY_CLASSES_ROOT", "HKCR");
-      ReplaceAll(line, "HKEY_CURRENT_USER", "HKCU");
-      ReplaceAll(line, "HKEY_LOCAL_MACHINE", "HKLM");
-      compact += line + "\n";
-    }
-    return compact;
+    for (const auto& [from, to] : kCompact) ReplaceAll(outcome.out, from, to);
+    return outcome.out.starts_with("\n") ? outcome.out.substr(1) : outcome.out;
   }
 
-  std::string ClassesKeys(const std::string& root) {
-    std::string keys = kClassesKeys;
+  // `keys` below `root` with the placeholders filled in, after the keys above them.
+  std::string Keys(std::string keys, const std::string& root, const std::string& above) {
     ReplaceAll(keys, "$R", root);
+    ReplaceAll(keys, "$C", kClsid);
+    ReplaceAll(keys, "$I", "{0A2B2726-7F4B-4F5A-9512-EE60F2651E8D}");
+    ReplaceAll(keys, "$T", "{2304365D-BB13-4162-B262-018399D69104}");
     ReplaceAll(keys, "$M", ModulePath());
     ReplaceAll(keys, "$F", folder_.PathOf("module"));
     ReplaceAll(keys, "$P", sizeof(void*) == 8 ? "win64" : "win32");
-    return keys;
+    return above + root + "\n" + keys;
   }
-
-  bool Exists(const std::string& key) { return Run({"reg", "query", key}).status == 0; }
 
   testing::TempFolder folder_;
   std::string program_;
 };
 
-TEST_F(RegisterCommand, MachineWideRegistrationWritesTheClassesAndTheAddinKey) {
-  Expect({"register"});
-  EXPECT_EQ(Query("HKCR"), "HKCR\n" + ClassesKeys("HKCR"));
-  EXPECT_EQ(Query("HKLM"), std::string(kOfficeKeys) + kAddinKey);
-  EXPECT_EQ(Query("HKCU"), "HKCU\n");
-  // Registering again changes nothing.
-  Expect({"register"});
-  EXPECT_EQ(Query("HKCR"), "HKCR\n" + ClassesKeys("HKCR"));
-}
-
-TEST_F(RegisterCommand, PerUserRegistrationPutsTheClassesUnderTheUsersKey) {
-  Expect({"register", "--user"});
-  const Outcome clsid =
-      Run({"reg", "query", "HKCU\\Software\\Classes\\MRWOutlookAddin.Addin\\CLSID"});
-  EXPECT_EQ(clsid.status, 0);
-  EXPECT_NE(clsid.out.find(std::string("(Default)    REG_SZ    ") + kClsid), std::string::npos)
-      << clsid.out;
-  EXPECT_EQ(Query("HKCU"), "HKCU\nHKCU\\Software\nHKCU\\Software\\Classes\n" +
-                               ClassesKeys("HKCU\\Software\\Classes"));
-  EXPECT_EQ(Query("HKCR"), "HKCR\n");
-  // Office's add-in key has no per-user form here.
-  EXPECT_EQ(Query("HKLM"), std::string(kOfficeKeys) + kAddinKey);
-
-  Expect({"unregister", "--user"});
-  EXPECT_EQ(Query("HKCU"),
-            "HKCU\nHKCU\\Software\nHKCU\\Software\\Classes\nHKCU\\Software\\Classes\\AppID\n"
-            "HKCU\\Software\\Classes\\CLSID\nHKCU\\Software\\Classes\\Interface\n"
-            "HKCU\\Software\\Classes\\TypeLib\n");
-  EXPECT_EQ(Query("HKLM"), kOfficeKeys);
-}
-
-TEST_F(RegisterCommand, UnregistrationKeepsSharedKeysAndWhatOthersPutThere) {
-  Expect({"reg", "add", "HKLM\\Software\\Microsoft\\Office\\Outlook\\AddIns", "/v", "Other", "/d",
-          "kept", "/f"});
-  Expect({"register"});
-  // The class's own key is removed whole, with what others added to it.
-  Expect({"reg", "add", std::string("HKCR\\CLSID\\") + kClsid + "\\Implemented Categories", "/f"});
-  Expect({"unregister"});
-  EXPECT_EQ(Query("HKCR"), "HKCR\nHKCR\\AppID\nHKCR\\CLSID\nHKCR\\Interface\nHKCR\\TypeLib\n");
-  EXPECT_EQ(Query("HKLM"), std::string(kOfficeKeys) + "  Other REG_SZ kept\n");
-  // Unregistering what is not registered succeeds.
-  Expect({"unregister"});
-}
-
-TEST_F(RegisterCommand, OnlyTheWordUserInAnyCaseRegistersPerUser) {
+TEST_F(RegisterCommand, RegistersTheClassesForTheUserOrTheMachineAndUnregistersOnlyItsOwn) {
+  // Only the word "user", in any case, registers per user; Office's add-in key has no per-user
+  // form and is written machine-wide either way.
   const struct {
     Args switches;
     bool perUser;
-  } cases[] = {
-      {{"--user"}, true},
-      {{"--command-line", "USER"}, true},
-      {{"--command-line", "User"}, true},
-      {{"--command-line", "users"}, false},
-      {{"--command-line", ""}, false},
-      {{}, false},
-  };
-  const std::string perUserKey = "HKCU\\Software\\Classes\\MRWOutlookAddin.Addin";
-  const std::string machineKey = "HKCR\\MRWOutlookAddin.Addin";
+  } cases[] = {{{"--user"}, true},
+               {{"--command-line", "uSeR"}, true},
+               {{"--command-line", "users"}, false},
+               {{"--command-line", ""}, false},
+               {{}, false}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.switches.empty() ? "no command line" : c.switches.back());
+    for (const char* file : {"hive.db", "hive.db-wal", "hive.db-shm"})
+      fs::remove(folder_.PathOf(file));
+    Expect({"reg", "add", kAddIns, "/v", "Other", "/d", "kept", "/f"});
+    const std::string root = c.perUser ? "HKCU\\Software\\Classes" : "HKCR";
+    const std::string top = c.perUser ? "HKCU" : "HKCR";
+    const std::string above = c.perUser ? "HKCU\nHKCU\\Software\n" : "";
     Args args = {"register"};
     args.insert(args.end(), c.switches.begin(), c.switches.end());
     Expect(args);
-    EXPECT_EQ(Exists(perUserKey), c.perUser);
-    EXPECT_EQ(Exists(machineKey), !c.perUser);
+    EXPECT_EQ(Query(top), Keys(kClassesKeys, root, above));
+    EXPECT_EQ(Query(c.perUser ? "HKCR" : "HKCU"), c.perUser ? "HKCR\n" : "HKCU\n");
+    EXPECT_EQ(Query("HKLM"), std::string(kOfficeKeys) + kAddinKey);
+    Expect(args);  // again, changing nothing
+    EXPECT_EQ(Query(top), Keys(kClassesKeys, root, above));
+
+    // The class's own key goes whole, with what others added to it.
+    Expect({"reg", "add", root + "\\CLSID\\" + kClsid + "\\Implemented Categories", "/f"});
     args[0] = "unregister";
     Expect(args);
-    EXPECT_FALSE(Exists(perUserKey));
-    EXPECT_FALSE(Exists(machineKey));
+    EXPECT_EQ(Query(top), Keys(kSharedKeys, root, above));
+    EXPECT_EQ(Query("HKLM"), kOfficeKeys);
+    Expect(args);  // what is not registered unregisters without complaint
   }
 }
 
 TEST_F(RegisterCommand, AFailingRegistrationLeavesNothingBehind) {
   if (std::system("sqlite3 -version >/dev/null 2>&1") != 0) GTEST_SKIP() << "no sqlite3 program";
-  Expect({"reg", "add", "HKLM\\Software\\Microsoft\\Office\\Outlook\\AddIns", "/v", "Other", "/d",
-          "kept", "/f"});
+  Expect({"reg", "add", kAddIns, "/v", "Other", "/d", "kept", "/f"});
   // The hive refuses every DWORD value: the add-in's key under AddIns, written after all the
   // classes, cannot be completed.
   ASSERT_EQ(0, std::system(("sqlite3 " + testing::ShellQuote(folder_.PathOf("hive.db")) +
@@ -259,7 +202,7 @@ TEST_F(RegisterCommand, AFailingRegistrationLeavesNothingBehind) {
                              "out, or flush, one of the files that contain the system's image "
                              "of the registry.\n");
   EXPECT_EQ(Query("HKCR"), "HKCR\n");
-  EXPECT_EQ(Query("HKLM"), std::string(kOfficeKeys) + "  Other REG_SZ kept\n");
+  EXPECT_EQ(Query("HKLM"), kOfficeKeys);
 }
 
 TEST_F(RegisterCommand, AModuleThatCannotBeLoadedIsReported) {

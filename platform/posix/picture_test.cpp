@@ -17,7 +17,8 @@
 namespace mrwl::platform {
 namespace {
 
-using Bytes = std::vector<unsigned char>;
+using U8 = unsigned char;
+using Bytes = std::vector<U8>;
 
 std::uint32_t Crc32(const unsigned char* data, std::size_t size, std::uint32_t crc = 0) {
   crc = ~crc;
@@ -29,8 +30,7 @@ std::uint32_t Crc32(const unsigned char* data, std::size_t size, std::uint32_t c
 }
 
 void PutU32(Bytes* out, std::uint32_t value) {
-  for (int shift = 24; shift >= 0; shift -= 8)
-    out->push_back(static_cast<unsigned char>(value >> shift));
+  out->insert(out->end(), {U8(value >> 24), U8(value >> 16), U8(value >> 8), U8(value)});
 }
 
 void PutChunk(Bytes* out, const char* type, const Bytes& data) {
@@ -61,19 +61,10 @@ Bytes PngFile(std::uint32_t width, std::uint32_t height, unsigned char colorType
 Bytes EncodePng(std::uint32_t width, std::uint32_t height, unsigned char colorType,
                 const Bytes& rows, const std::vector<std::pair<const char*, Bytes>>& extra = {}) {
   const auto size = static_cast<std::uint16_t>(rows.size());
-  Bytes zlib = {0x78,
-                0x01,
-                0x01,
-                static_cast<unsigned char>(size),
-                static_cast<unsigned char>(size >> 8),
-                static_cast<unsigned char>(~size),
-                static_cast<unsigned char>(~size >> 8)};
+  Bytes zlib = {0x78, 0x01, 0x01, U8(size), U8(size >> 8), U8(~size), U8(~size >> 8)};
   zlib.insert(zlib.end(), rows.begin(), rows.end());
   std::uint32_t a = 1, b = 0;
-  for (unsigned char c : rows) {
-    a = (a + c) % 65521;
-    b = (b + a) % 65521;
-  }
+  for (U8 c : rows) a = (a + c) % 65521, b = (b + a) % 65521;
   PutU32(&zlib, (b << 16) | a);
   return PngFile(width, height, colorType, zlib, extra);
 }
@@ -97,12 +88,11 @@ Decoded Describe(HBITMAP bitmap) {
 }
 
 TEST(PngDecoding, EveryColourTypeBecomesTopDownStraightBgra) {
-  struct Case {
+  const struct {
     const char* name;
     Bytes png;
     Bytes bgra;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"rgba, two rows",
        EncodePng(2, 2, 6, {0, 1, 2, 3, 4, 5, 6, 7, 8, 0, 9, 10, 11, 0, 12, 13, 14, 255}),
        {3, 2, 1, 4, 7, 6, 5, 8, 11, 10, 9, 0, 14, 13, 12, 255}},
@@ -113,7 +103,7 @@ TEST(PngDecoding, EveryColourTypeBecomesTopDownStraightBgra) {
        EncodePng(2, 1, 3, {0, 1, 0}, {{"PLTE", {1, 2, 3, 40, 50, 60}}, {"tRNS", {255, 0}}}),
        {60, 50, 40, 0, 3, 2, 1, 255}},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     HBITMAP bitmap = nullptr;
     ASSERT_EQ(S_OK, CreateBitmapFromPng(c.png.data(), c.png.size(), &bitmap));
@@ -129,12 +119,10 @@ TEST(PngDecoding, DamagedOrForeignDataFailsWithInvalidDataAndNoBitmap) {
   Bytes rows(18, 0x40);
   rows[0] = rows[9] = 0;
   const Bytes good = EncodePng(2, 2, 6, rows);
-  ASSERT_EQ(86u, good.size());
   Bytes badCrc = good;
   badCrc[29] ^= 0xFF;  // the header chunk's checksum
   Bytes badFilter = rows;
   badFilter[9] = 9;  // no such filter
-  const Bytes huge = EncodePng(100000, 100000, 6, Bytes(5, 0));
   const struct {
     const char* name;
     Bytes data;
@@ -146,7 +134,7 @@ TEST(PngDecoding, DamagedOrForeignDataFailsWithInvalidDataAndNoBitmap) {
       {"compressed stream", PngFile(2, 2, 6, {0x78, 0x01, 0x07, 0xFF, 0x13, 0x00})},
       {"row filter", EncodePng(2, 2, 6, badFilter)},
       {"text", Bytes{'<', 'x', 'm', 'l', '/', '>'}},
-      {"a side too long", huge},
+      {"a side too long", EncodePng(100000, 100000, 6, Bytes(5, 0))},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -194,54 +182,38 @@ TEST(Bitmaps, DibSectionsArePaddedZeroedAndFreedOnce) {
   }
 }
 
-class PictureTest : public ::testing::Test {
- protected:
-  HBITMAP NewBitmap() {
-    const BITMAPINFO info = Info(2, 2, 32);
-    return CreateDIBSection(nullptr, &info, DIB_RGB_COLORS, nullptr, nullptr, 0);
-  }
-  HRESULT MakePicture(HBITMAP bitmap, BOOL own, REFIID iid, IUnknown** picture,
-                      UINT type = PICTYPE_BITMAP) {
-    PICTDESC desc{};
-    desc.cbSizeofstruct = sizeof desc;
-    desc.picType = type;
-    desc.bmp.hbitmap = bitmap;
-    return OleCreatePictureIndirect(&desc, iid, own, reinterpret_cast<void**>(picture));
-  }
-};
+HRESULT MakePicture(HBITMAP bitmap, BOOL own, REFIID iid, IUnknown** picture,
+                    UINT type = PICTYPE_BITMAP, UINT size = sizeof(PICTDESC)) {
+  PICTDESC desc{size, type, {{bitmap, nullptr}}};
+  return OleCreatePictureIndirect(&desc, iid, own, reinterpret_cast<void**>(picture));
+}
 
-TEST_F(PictureTest, AnOwningPictureShowsAndFreesItsBitmapAndABorrowingOneLeavesIt) {
+TEST(Pictures, AnOwningPictureFreesItsBitmapAndARefusedOneLeavesItWithTheCaller) {
+  const BITMAPINFO info = Info(2, 2, 32);
   for (const BOOL own : {TRUE, FALSE}) {
     SCOPED_TRACE(own);
-    HBITMAP bitmap = NewBitmap();
-    IUnknown* object = nullptr;
-    ASSERT_EQ(S_OK, MakePicture(bitmap, own, IID_IDispatch, &object));
+    HBITMAP bitmap = CreateDIBSection(nullptr, &info, DIB_RGB_COLORS, nullptr, nullptr, 0);
+    ComPtr<IUnknown> object;
+    ASSERT_EQ(S_OK, MakePicture(bitmap, own, IID_IDispatch, object.put()));
     ComPtr<IPictureDisp> picture;
     ASSERT_EQ(S_OK, object->QueryInterface(IID_IPictureDisp, picture.put_void()));
-    object->Release();
+    object = nullptr;
     HBITMAP shown = nullptr;
     EXPECT_EQ(S_OK, GetPictureBitmap(picture.get(), &shown));
     EXPECT_EQ(bitmap, shown);
     picture = nullptr;
     EXPECT_EQ(own ? FALSE : TRUE, DeleteObject(bitmap));
   }
-}
 
-TEST_F(PictureTest, RefusedDescriptionsLeaveTheBitmapWithTheCaller) {
-  HBITMAP bitmap = NewBitmap();
+  HBITMAP bitmap = CreateDIBSection(nullptr, &info, DIB_RGB_COLORS, nullptr, nullptr, 0);
   IUnknown* object = reinterpret_cast<IUnknown*>(&bitmap);
   EXPECT_EQ(E_NOINTERFACE, MakePicture(bitmap, TRUE, IID_IClassFactory, &object));
   EXPECT_EQ(nullptr, object);
   EXPECT_EQ(E_NOTIMPL, MakePicture(bitmap, TRUE, IID_IUnknown, &object, 3));
   EXPECT_EQ(E_INVALIDARG, MakePicture(nullptr, TRUE, IID_IUnknown, &object));
-  PICTDESC shortDesc{};
-  shortDesc.cbSizeofstruct = sizeof shortDesc - 1;
-  shortDesc.picType = PICTYPE_BITMAP;
-  shortDesc.bmp.hbitmap = bitmap;
-  EXPECT_EQ(E_INVALIDARG, OleCreatePictureIndirect(&shortDesc, IID_IUnknown, TRUE,
-                                                   reinterpret_cast<void**>(&object)));
+  EXPECT_EQ(E_INVALIDARG,
+            MakePicture(bitmap, TRUE, IID_IUnknown, &object, PICTYPE_BITMAP, sizeof(PICTDESC) - 1));
   EXPECT_EQ(TRUE, DeleteObject(bitmap));
-
   HBITMAP shown = bitmap;
   EXPECT_EQ(E_INVALIDARG, GetPictureBitmap(nullptr, &shown));
   EXPECT_EQ(nullptr, shown);
@@ -251,10 +223,7 @@ TEST_F(PictureTest, RefusedDescriptionsLeaveTheBitmapWithTheCaller) {
 class ScreenDensityTest : public ::testing::Test {
  protected:
   ScreenDensityTest() {
-    (void)dpi_.Unset();
-    (void)display_.Unset();
-    (void)wayland_.Unset();
-    (void)path_.Set(folder_.path().string() + ":/usr/bin:/bin");
+    for (testing::ScopedEnv* unset : {&dpi_, &display_, &wayland_}) (void)unset->Unset();
   }
   void Tool(const std::string& name, const std::string& body) {
     folder_.Write(name, "#!/bin/sh\n" + body + "\n", true);
@@ -268,7 +237,7 @@ class ScreenDensityTest : public ::testing::Test {
 
   testing::TempFolder folder_;
   testing::ScopedEnv dpi_{"MRWL_DPI"}, display_{"DISPLAY"}, wayland_{"WAYLAND_DISPLAY"},
-      path_{"PATH"};
+      path_{"PATH", folder_.path().string() + ":/usr/bin:/bin"};
 };
 
 TEST_F(ScreenDensityTest, ANumberInMrwlDpiWinsAndAnythingElseFallsBack) {
