@@ -535,7 +535,8 @@ void AppendRow(std::string& out, std::string_view label, std::string_view value)
 }
 
 // The block Outlook puts on top of an exported mail, the rule under it, and the note of problems.
-std::string HeaderBlock(const MailMessage& message, const std::vector<std::string>& problems) {
+std::string HeaderBlock(const MailMessage& message) {
+  const std::vector<std::string>& problems = message.problems;
   std::string out = "<div class=\"mrwl-header\">\n<table>\n";
   std::string from = message.fromLine;
   if (from.empty()) from = message.senderName.empty() ? message.senderAddress : message.senderName;
@@ -676,15 +677,8 @@ bool WriteHtmlPage(const MailMessage& message, const std::string& pagePath, std:
   const std::string folder = CompanionFolderOf(pagePath);
   CompanionFiles files(message, LastPathComponent(folder));
 
-  std::vector<std::string> problems = message.problems;
-  std::string bodyProblem;
-  GMimeObject* body = message.htmlBody != nullptr ? message.htmlBody : message.textBody;
-  const std::string bodyText = body != nullptr ? ReadBodyText(body, &bodyProblem) : std::string();
-  if (!bodyProblem.empty() &&
-      std::find(problems.begin(), problems.end(), bodyProblem) == problems.end()) {
-    problems.push_back(bodyProblem);
-  }
-  const std::string header = HeaderBlock(message, problems);
+  const std::string header = HeaderBlock(message);
+  const std::string& bodyText = message.bodyText;
 
   std::string page;
   if (message.htmlBody != nullptr) {

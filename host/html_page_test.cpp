@@ -51,10 +51,12 @@ class HtmlPage : public ::testing::Test {
     GMimeObject* root = g_mime_message_get_mime_part(message_->message);
     if (!GMIME_IS_MULTIPART(root)) {
       message_->textBody = root;
+      message_->bodyText = ReadBodyText(root, nullptr);
       return;
     }
     GMimeMultipart* multipart = GMIME_MULTIPART(root);
     message_->htmlBody = g_mime_multipart_get_part(multipart, 0);
+    message_->bodyText = ReadBodyText(message_->htmlBody, nullptr);
     for (int i = 1; i < g_mime_multipart_get_count(multipart); ++i) {
       GMimeObject* leaf = g_mime_multipart_get_part(multipart, i);
       const char* id = g_mime_object_get_content_id(leaf);

@@ -44,7 +44,6 @@ struct GObjectUnref {
 template <typename T>
 using GPtr = std::unique_ptr<T, GObjectUnref>;
 
-
 bool IsBlank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
 
 std::string_view Trim(std::string_view text) {
@@ -240,7 +239,7 @@ std::string MimeTypeOf(GMimeObject* object) {
   const char* media = g_mime_content_type_get_media_type(type);
   const char* subtype = g_mime_content_type_get_media_subtype(type);
   return AsciiLower(std::string(media != nullptr ? media : "application") + "/" +
-               (subtype != nullptr ? subtype : "octet-stream"));
+                    (subtype != nullptr ? subtype : "octet-stream"));
 }
 
 std::string ContentTypeParameter(GMimeObject* object, std::string_view name) {
@@ -406,6 +405,14 @@ std::string MetaCharset(std::string_view html) {
     }
   }
   return {};
+}
+
+// The decoded bytes of a body part as UTF-8, from its charset parameter, or for HTML without one,
+// from the document's own declaration.
+std::string BodyBytesToUtf8(GMimeObject* body, std::string_view bytes, std::string* problem) {
+  std::string charset = ContentTypeParameter(body, "charset");
+  if (charset.empty() && MimeTypeOf(body) == "text/html") charset = MetaCharset(bytes);
+  return ToUtf8(bytes, charset, problem);
 }
 
 // ---- File names --------------------------------------------------------------------------------
@@ -576,8 +583,9 @@ std::string FormatCalendarTime(const ContentLine& line) {
 // An ORGANIZER or ATTENDEE as "Ann Lee <ann@x.org>".
 std::string FormatCalendarPerson(const ContentLine& line) {
   std::string address(Trim(line.value));
-  if (EqualsIgnoringCase(std::string_view(address).substr(0, std::min<std::size_t>(7, address.size())),
-                   "mailto:")) {
+  if (EqualsIgnoringCase(
+          std::string_view(address).substr(0, std::min<std::size_t>(7, address.size())),
+          "mailto:")) {
     address.erase(0, 7);
   }
   const std::string name = ParamOf(line, "cn");
@@ -902,13 +910,15 @@ class MessageReader {
 
     GMimeObject* shown = choice.html != nullptr ? choice.html : choice.text;
     if (shown != nullptr) {
-      std::string problem;
-      const std::string text = ReadBodyText(shown, &problem);
-      AddProblem(mail_.problems, problem);
-      if (choice.html != nullptr) references_ = FindReferences(text);
+      // The body is decoded once here; the page and the references both read this text.
+      std::string bytes;
       DecodeFindings findings;
-      std::string ignored;
-      if (DecodeContent(shown, ignored, &findings)) ReportDecoding("The message text", findings);
+      const bool decoded = DecodeContent(shown, bytes, &findings);
+      std::string problem;
+      if (decoded) mail_.bodyText = BodyBytesToUtf8(shown, bytes, &problem);
+      AddProblem(mail_.problems, problem);
+      if (choice.html != nullptr) references_ = FindReferences(mail_.bodyText);
+      if (decoded) ReportDecoding("The message text", findings);
     }
     if (root != nullptr) Collect(root, false, 0);
     if (!calendar_.empty()) ReadCalendar();
@@ -996,9 +1006,9 @@ class MessageReader {
       const std::optional<std::string> location = RawHeader(object, "Content-Location");
       if (location && !Trim(*location).empty()) {
         const std::string wanted(Trim(*location));
-        part.referencedByBody =
-            std::any_of(references_.locations.begin(), references_.locations.end(),
-                        [&](const std::string& value) { return EqualsIgnoringCase(value, wanted); });
+        part.referencedByBody = std::any_of(
+            references_.locations.begin(), references_.locations.end(),
+            [&](const std::string& value) { return EqualsIgnoringCase(value, wanted); });
       }
     }
     std::string content;
@@ -1187,9 +1197,7 @@ bool ReadPartContent(const MailPart& part, std::string& content) {
 std::string ReadBodyText(GMimeObject* body, std::string* problem) {
   std::string bytes;
   if (body == nullptr || !DecodeContent(body, bytes, nullptr)) return {};
-  std::string charset = ContentTypeParameter(body, "charset");
-  if (charset.empty() && MimeTypeOf(body) == "text/html") charset = MetaCharset(bytes);
-  return ToUtf8(bytes, charset, problem);
+  return BodyBytesToUtf8(body, bytes, problem);
 }
 
 bool WriteNewFile(const std::string& path, std::string_view bytes, std::string* error) {

@@ -78,6 +78,9 @@ struct MailMessage {
   // plain-text alternative beside it, if any.
   GMimeObject* htmlBody = nullptr;
   GMimeObject* textBody = nullptr;
+  // The body shown (htmlBody, else textBody) as UTF-8, decoded once when the file is read; what
+  // its decoding found wrong is in `problems`.
+  std::string bodyText;
   // For contacts and appointments, and for meetings without a text body: a readable summary
   // (name, organisation, addresses; or summary, time, place, organiser, attendees). For a
   // multipart message whose boundary never comes (no parts, no body): the text it holds.
