@@ -7,41 +7,29 @@
 #include <string>
 #include <system_error>
 
-#include "foundation/paths.h"
-#include "foundation/wide_string.h"
 #include "platform/utf.h"
+#include "testing/temp_folder_hook.h"
 
 namespace mrwl::bench {
 
 class BenchFolder {
  public:
-  BenchFolder() {
-    path_ = std::filesystem::temp_directory_path() /
-            ("mrwl-bench-" + std::to_string(std::random_device()()));
-    std::filesystem::create_directories(path_);
-    Folder() = platform::Utf8ToUtf16(path_.string() + "/");
-    previous_ = SetTempFolderHook(&Hook);
-  }
+  BenchFolder()
+      : path_(std::filesystem::temp_directory_path() /
+              ("mrwl-bench-" + std::to_string(std::random_device()()))),
+        scoped_((std::filesystem::create_directories(path_),
+                 platform::Utf8ToUtf16(path_.string() + "/"))) {}
   BenchFolder(const BenchFolder&) = delete;
   BenchFolder& operator=(const BenchFolder&) = delete;
   ~BenchFolder() {
-    (void)SetTempFolderHook(previous_);
     std::error_code ignored;
     std::filesystem::remove_all(path_, ignored);
   }
   const std::filesystem::path& path() const { return path_; }
 
  private:
-  static std::u16string& Folder() {
-    static std::u16string folder;
-    return folder;
-  }
-  static bool Hook(WideString& result, TempFolderFunction) noexcept {
-    result = Folder();
-    return true;
-  }
   std::filesystem::path path_;
-  TempFolderHook previous_ = nullptr;
+  testing::ScopedTempFolder scoped_;
 };
 
 }  // namespace mrwl::bench

@@ -16,6 +16,7 @@
 #include "platform/utf.h"
 #include "settings/addin_settings.h"
 #include "testing/temp_folder.h"
+#include "testing/temp_folder_hook.h"
 #include "testing/test_outlook.h"
 
 namespace mrwl {
@@ -125,19 +126,15 @@ class ConversionDriverTest : public ::testing::Test {
   void SetUp() override {
     Reset();
     fs::create_directories(temp_.path() / "tmp");
-    previousHook_ = SetTempFolderHook(&TempHook);
     SetModuleFolder(temp_.WidePathOf("module/"));
   }
-  void TearDown() override {
-    (void)SetTempFolderHook(previousHook_);
-    platform::ClearFileDialogAnswers();
-  }
+  void TearDown() override { platform::ClearFileDialogAnswers(); }
   // Between the cases of a table too.
   void Reset() {
     Faults().Reset();
     platform::ClearFileDialogAnswers();
     store_.Clear();
-    TempRoot() = temp_.WidePathOf("tmp/");
+    testing::ScopedTempFolder::Set(temp_.WidePathOf("tmp/"));
   }
 
   static OutlookFaults& Faults() { return OutlookFaults::Get(); }
@@ -187,14 +184,6 @@ class ConversionDriverTest : public ::testing::Test {
   }
 
   // The temporary folder the driver is given; empty when none can be found.
-  static std::u16string& TempRoot() {
-    static std::u16string root;
-    return root;
-  }
-  static bool TempHook(WideString& result, TempFolderFunction) noexcept {
-    result = TempRoot();
-    return !TempRoot().empty();
-  }
 
   // The names left in the temporary folder, sorted.
   std::vector<std::string> TempEntries() const {
@@ -211,7 +200,7 @@ class ConversionDriverTest : public ::testing::Test {
 
   testing::TempFolder temp_;
   testing::ScopedEnv registry_{"MRWL_REGISTRY", temp_.PathOf("hive.db")};
-  TempFolderHook previousHook_ = nullptr;
+  testing::ScopedTempFolder tempFolder_{u""};
   testing::ExplorerWorld world_;
   ComPtr<outlook::_Application> application_;
   AddinSettings settings_;
@@ -404,7 +393,7 @@ TEST_F(ConversionDriverTest, EachFailureStopsTheRunAtTheFirstItem) {
         Answer("one.pdf");
       }
       Answer("two.pdf");
-      if (c.fault == kNoTempFolder) TempRoot().clear();
+      if (c.fault == kNoTempFolder) testing::ScopedTempFolder::Set(u"");
       if (c.fault == kSaveFails) Faults().Fail("MailItem.SaveAs", E_ACCESSDENIED);
       if (c.fault == kHandOffFails) Faults().Fail("Driver.LaunchConverter", E_FAIL);
       Select(Items(MakeMail(u"One"), MakeMail(u"Two")));

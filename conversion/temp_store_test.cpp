@@ -17,6 +17,7 @@
 #include "platform/kernel.h"
 #include "platform/utf.h"
 #include "testing/temp_folder.h"
+#include "testing/temp_folder_hook.h"
 
 namespace mrwl {
 namespace {
@@ -26,25 +27,7 @@ namespace fs = std::filesystem;
 std::string Utf8(std::u16string_view text) { return platform::Utf16ToUtf8(text); }
 fs::perms Mode(const fs::path& path) { return fs::symlink_status(path).permissions(); }
 
-// Points the temporary folder of the process at `folder` for a scope; an empty one can't be told.
-class ScopedTempFolder {
- public:
-  explicit ScopedTempFolder(std::u16string folder) : previous_(SetTempFolderHook(&Hook)) {
-    Folder() = std::move(folder);
-  }
-  ~ScopedTempFolder() { (void)SetTempFolderHook(previous_); }
-
- private:
-  static std::u16string& Folder() {
-    static std::u16string folder;
-    return folder;
-  }
-  static bool Hook(WideString& result, TempFolderFunction) noexcept {
-    result = Folder();
-    return !Folder().empty();
-  }
-  TempFolderHook previous_;
-};
+using testing::ScopedTempFolder;
 
 TEST(MakeUniqueTempName, NamesAFreshFileInTheTemporaryFolder) {
   testing::TempFolder temp;

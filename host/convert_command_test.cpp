@@ -10,7 +10,6 @@
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include "conversion/handoff_test_support.h"
 #include "platform/utf.h"
@@ -21,12 +20,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using Args = std::vector<std::string>;
-
-struct Outcome {
-  int status = -1;
-  std::string out;
-  std::string err;
-};
+using Outcome = testing::CommandOutcome;
 
 std::string Mail(const std::string& subject, const std::string& extraHeaders = "") {
   return "From: Ann Lee <ann@example.org>\r\nTo: Bob Stone <bob@example.org>\r\nSubject: " +
@@ -81,10 +75,7 @@ class ConvertCommand : public ::testing::Test {
         " MRWL_USER_ADDRESS=" + testing::ShellQuote(user) +
         " EMAIL= " + testing::ShellQuote(program_);
     for (const std::string& arg : args) command += " " + testing::ShellQuote(arg);
-    command += " </dev/null >" + testing::ShellQuote(folder_.PathOf("stdout")) + " 2>" +
-               testing::ShellQuote(folder_.PathOf("stderr"));
-    const int raw = std::system(command.c_str());
-    return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, folder_.Read("stdout"), folder_.Read("stderr")};
+    return testing::RunCommand(command, folder_);
   }
 
   // The hand-off records of `count` converter starts, waited for.

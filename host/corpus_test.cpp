@@ -64,16 +64,6 @@ struct ConverterStart {
 
 std::string ReadBytes(const fs::path& path) { return testing::WaitForFile(path, {}).value_or(""); }
 
-// Runs `command` through the shell and answers its exit status; the shell itself writes the
-// status to a file, so the test needs no process headers.
-int RunShell(const std::string& command, const fs::path& statusFile) {
-  const std::string line = "(" + command + "); echo $? > " + ShellQuote(statusFile.string());
-  if (std::system(line.c_str()) == -1) return -1;
-  int status = -1;
-  std::istringstream(ReadBytes(statusFile)) >> status;
-  return status;
-}
-
 // Splits a line of the reference output into its fields, with the escapes undone.
 std::vector<std::string> SplitFields(std::string_view line) {
   std::vector<std::string> fields(1);
@@ -96,14 +86,13 @@ std::map<std::string, Expected> ReadReference(const std::vector<std::string>& fi
   std::string command =
       "python3 " + ShellQuote(MRWL_SOURCE_DIR "/host/testdata/corpus_reference.py");
   for (const std::string& file : files) command += " " + ShellQuote(file);
-  command += " > " + ShellQuote(folder.PathOf("reference.tsv")) + " 2> " +
-             ShellQuote(folder.PathOf("reference.err"));
-  EXPECT_EQ(RunShell(command, folder.PathOf("reference.status")), 0)
-      << "the reference script failed: " << folder.Read("reference.err");
+  const testing::CommandOutcome reference =
+      testing::RunCommand(command, folder, "/dev/null", "reference");
+  EXPECT_EQ(reference.status, 0) << "the reference script failed: " << reference.err;
 
   std::map<std::string, Expected> facts;
   Expected* current = nullptr;
-  std::istringstream in(folder.Read("reference.tsv"));
+  std::istringstream in(reference.out);
   for (std::string line; std::getline(in, line);) {
     const std::vector<std::string> f = SplitFields(line);
     if (f[0] == "FILE" && f.size() == 2) {
@@ -253,15 +242,15 @@ printf '%s\n' "$@" > "$r/$$.part" && mv "$r/$$.part" "$r/$$.args"
         " convert" + (portfolio ? " --portfolio" : "") + " -d " + ShellQuote(output_.string()) +
         " --yes";
     for (const std::string& mail : mails) command += " " + ShellQuote(mail);
-    command += " < /dev/null > /dev/null 2> " + ShellQuote(folder_.PathOf("mrwl.err"));
-    const int status = RunShell(command, folder_.path() / "mrwl.status");
-    errors_ = folder_.Read("mrwl.err");
-    EXPECT_EQ(status, 0) << errors_;
+    const testing::CommandOutcome outcome =
+        testing::RunCommand(command, folder_, "/dev/null", "mrwl");
+    errors_ = outcome.err;
+    EXPECT_EQ(outcome.status, 0) << errors_;
 
     // A run that failed may still have started some converters before it stopped.
     const std::size_t expectedStarts = portfolio ? 1 : mails.size();
     const auto deadline =
-        std::chrono::steady_clock::now() + (status == 0 ? kStartsTimeout : kStragglers);
+        std::chrono::steady_clock::now() + (outcome.status == 0 ? kStartsTimeout : kStragglers);
     std::vector<fs::path> argumentFiles;
     do {
       std::this_thread::sleep_for(std::chrono::milliseconds(20));

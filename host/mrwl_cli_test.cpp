@@ -7,7 +7,6 @@
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include "platform/registry.h"
 #include "testing/temp_folder.h"
@@ -16,6 +15,7 @@ namespace mrwl {
 namespace {
 
 using Args = std::vector<std::string>;
+using Outcome = testing::CommandOutcome;
 
 constexpr char kNotFound[] =
     "ERROR: The system was unable to find the specified registry key or value.\n";
@@ -25,13 +25,6 @@ constexpr char kSettingsKey[] = "HKCU\\Software\\Brindlemoor\\Marrowline 6\\Outl
 constexpr char kDefaultCommandLine[] =
     "\"\" \"\" \\b \\h \\r \\iw 1280 \\ih 800 \\ld 500 \\is 65540 \\ic 1 \\pw 5953 \\ph 8419 "
     "\\mt 0 \\mb 0 \\ml 0 \\mr 0 \n";
-
-struct Outcome {
-  int status = -1;
-  std::string out;
-  std::string err;
-};
-
 
 // What `reg query` prints for one key with the given value lines.
 std::string Listing(const std::string& key, const std::string& lines) {
@@ -50,10 +43,7 @@ class MrwlCli : public ::testing::Test {
   Outcome Run(const Args& args, const std::string& input = "") {
     std::string command = testing::ShellQuote(program_);
     for (const std::string& arg : args) command += " " + testing::ShellQuote(arg);
-    command += " <" + testing::ShellQuote(folder_.Write("stdin", input)) + " >" + testing::ShellQuote(folder_.PathOf("out")) +
-               " 2>" + testing::ShellQuote(folder_.PathOf("err"));
-    const int raw = std::system(command.c_str());
-    return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, folder_.Read("out"), folder_.Read("err")};
+    return testing::RunCommand(command, folder_, folder_.Write("stdin", input));
   }
 
   // Runs a command that must succeed and returns its output.

@@ -9,7 +9,6 @@
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include "testing/temp_folder.h"
 
@@ -18,6 +17,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using Args = std::vector<std::string>;
+using Outcome = testing::CommandOutcome;
 
 constexpr char kClsid[] = "{D47BD98A-B3C5-4D37-8BA5-F1058527AC4A}";
 constexpr char kAddIns[] = "HKLM\\Software\\Microsoft\\Office\\Outlook\\AddIns";
@@ -87,12 +87,6 @@ constexpr std::pair<const char*, const char*> kCompact[] = {{"\n    ", " | "},
                                                             {"HKEY_CURRENT_USER", "HKCU"},
                                                             {"HKEY_LOCAL_MACHINE", "HKLM"}};
 
-struct Outcome {
-  int status = -1;
-  std::string out;
-  std::string err;
-};
-
 class RegisterCommand : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -111,10 +105,7 @@ class RegisterCommand : public ::testing::Test {
         " MRWL_REGISTRY=" + testing::ShellQuote(folder_.PathOf("hive.db")) + " " +
         testing::ShellQuote(program_);
     for (const std::string& arg : args) command += " " + testing::ShellQuote(arg);
-    command += " </dev/null >" + testing::ShellQuote(folder_.PathOf("stdout")) + " 2>" +
-               testing::ShellQuote(folder_.PathOf("stderr"));
-    const int raw = std::system(command.c_str());
-    return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, folder_.Read("stdout"), folder_.Read("stderr")};
+    return testing::RunCommand(command, folder_);
   }
 
   void Expect(const Args& args) {

@@ -165,6 +165,33 @@ inline std::string ShellQuote(std::string_view text) {
   return quoted + "'";
 }
 
+// What a command run through the shell left behind: its exit status (-1 when it did not end by
+// itself) and what it wrote to its standard output and error.
+struct CommandOutcome {
+  int status = -1;
+  std::string out;
+  std::string err;
+};
+
+// Runs the shell command line `command` (its words quoted with ShellQuote) with standard input
+// from the file `input`, and captures its output in files of `folder` named by `tag`. The shell
+// reports the status itself, so no process header is needed.
+inline CommandOutcome RunCommand(const std::string& command, const TempFolder& folder,
+                                 const std::string& input = "/dev/null",
+                                 const std::string& tag = "command") {
+  const std::string out = folder.PathOf(tag + ".out");
+  const std::string err = folder.PathOf(tag + ".err");
+  const std::string status = folder.PathOf(tag + ".status");
+  const std::string line = "(" + command + ") <" + ShellQuote(input) + " >" + ShellQuote(out) +
+                           " 2>" + ShellQuote(err) + "; echo $? >" + ShellQuote(status);
+  CommandOutcome outcome;
+  if (std::system(line.c_str()) == -1) return outcome;
+  std::ifstream(status) >> outcome.status;
+  outcome.out = folder.Read(tag + ".out");
+  outcome.err = folder.Read(tag + ".err");
+  return outcome;
+}
+
 // The text of a /bin/sh script that runs the shell command `command` with its output going to the
 // file `record`, then exits with `status`. The output is renamed into place, so whoever polls for
 // the record never reads half of it.
