@@ -97,6 +97,11 @@ BOOL RestrictToOwner(const char16_t* path, BOOL recursive) noexcept;
 // on failure. Released with CloseHandle.
 HANDLE CreateFileMappingW(HANDLE file, const SECURITY_ATTRIBUTES* attributes, DWORD protect,
                           DWORD sizeHigh, DWORD sizeLow, const char16_t* name) noexcept;
+// Opens the named shared memory `name` that another handle created, for `access` FILE_MAP_READ
+// and/or FILE_MAP_WRITE; `inherit` is ignored on POSIX. Null with ERROR_FILE_NOT_FOUND when no
+// such name exists, or with the last error on failure. Released with CloseHandle; on POSIX the
+// handle counts as a hold on the name as the creator's does.
+HANDLE OpenFileMappingW(DWORD access, BOOL inherit, const char16_t* name) noexcept;
 // Maps `size` bytes of a mapping from the offset (0 maps everything from it); `access` is
 // FILE_MAP_READ and/or FILE_MAP_WRITE. The view outlives the mapping's handle until
 // UnmapViewOfFile. Null with the last error on failure.

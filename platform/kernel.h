@@ -88,4 +88,10 @@ void LocalFree(void* block) noexcept;
 // integrity levels and always answers false.
 bool GetTokenIntegrityLevel(DWORD* level) noexcept;
 
+// The standard streams of the process, for IsTerminal.
+enum class StandardStream { kInput, kOutput, kError };
+// Whether `stream` is connected to a terminal (a console on Windows), so that a program can
+// report progress to a person watching and stay quiet in a pipe or a log file.
+[[nodiscard]] bool IsTerminal(StandardStream stream) noexcept;
+
 }  // namespace mrwl::platform

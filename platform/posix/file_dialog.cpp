@@ -20,6 +20,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "platform/posix/gtk_dialogs.h"
 #include "platform/posix/posix_util.h"
 
 namespace mrwl::platform {
@@ -409,7 +410,15 @@ BOOL AskFileName(OpenFileNameW* ofn, bool save) noexcept {
         paths.push_back(std::move(path));
         if (!question.MultiSelect()) break;
       }
-    } else if (std::optional<StandingAnswer> standing = save ? TakeStandingAnswer() : std::nullopt) {
+    } else if (std::u16string chosen; !save && posix::AskOpenFileOnDesktop(*ofn, &chosen) >= 0) {
+      // The desktop's file chooser answered for a dialog of the desktop toolkit.
+      if (chosen.empty()) return FALSE;
+      for (const std::u16string& name : SplitAnswer(chosen)) {
+        paths.push_back(question.Resolve(name));
+        if (!question.MultiSelect()) break;
+      }
+    } else if (std::optional<StandingAnswer> standing =
+                   save ? TakeStandingAnswer() : std::nullopt) {
       const std::lock_guard<std::mutex> guard(TerminalLock());
       if (!AnswerInFolder(question, *standing, &paths)) return FALSE;
     } else if (OnTerminal()) {

@@ -228,4 +228,11 @@ bool GetTokenIntegrityLevel(DWORD* level) noexcept {
   return false;
 }
 
+bool IsTerminal(StandardStream stream) noexcept {
+  const int descriptor = stream == StandardStream::kInput    ? STDIN_FILENO
+                         : stream == StandardStream::kOutput ? STDOUT_FILENO
+                                                             : STDERR_FILENO;
+  return isatty(descriptor) == 1;
+}
+
 }  // namespace mrwl::platform

@@ -169,6 +169,32 @@ HANDLE CreateFileMappingW(HANDLE file, const SECURITY_ATTRIBUTES* /*attributes*/
   }
 }
 
+HANDLE OpenFileMappingW(DWORD access, BOOL /*inherit*/, const char16_t* name) noexcept {
+  try {
+    if (name == nullptr || *name == 0) return FailNull(ERROR_INVALID_PARAMETER);
+    const bool write = (access & FILE_MAP_WRITE) != 0;
+    if (!write && !(access & FILE_MAP_READ)) return FailNull(ERROR_INVALID_PARAMETER);
+    auto mapping = std::unique_ptr<MappingObject>(new (std::nothrow) MappingObject);
+    if (mapping == nullptr) return FailNull(ERROR_NOT_ENOUGH_MEMORY);
+    mapping->writable = write;
+
+    const std::string shmName = ShmNameOf(name);
+    MappingTables& tables = Tables();
+    std::lock_guard<std::mutex> lock(tables.mutex);
+    const int fd = shm_open(shmName.c_str(), (write ? O_RDWR : O_RDONLY) | O_CLOEXEC, 0);
+    if (fd < 0) {
+      return FailNull(errno == ENOENT ? ERROR_FILE_NOT_FOUND : posix::WinErrorFromErrno(errno));
+    }
+    mapping->fd = fd;
+    ++tables.names[shmName];
+    mapping->shmName = shmName;
+    SetLastError(ERROR_SUCCESS);
+    return mapping.release();
+  } catch (...) {
+    return FailNull(ERROR_NOT_ENOUGH_MEMORY);
+  }
+}
+
 void* MapViewOfFile(HANDLE handle, DWORD access, DWORD offsetHigh, DWORD offsetLow,
                     SIZE_T size) noexcept {
   try {

@@ -114,7 +114,7 @@ std::string FindOnPath(const std::string& name) {
 // Starts `argv` with standard input from /dev/null, in a session of its own so that a signal
 // meant for the caller's terminal does not reach it. Returns 0 or an errno value.
 int Spawn(const std::vector<std::string>& argv, const std::string& directory, int outputFd,
-          pid_t* pid) {
+          pid_t* pid, bool quiet = false) {
   std::vector<char*> args;
   args.reserve(argv.size() + 1);
   for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
@@ -130,6 +130,11 @@ int Spawn(const std::vector<std::string>& argv, const std::string& directory, in
   int result = posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
   if (result == 0 && outputFd >= 0)
     result = posix_spawn_file_actions_adddup2(&actions, outputFd, 1);
+  if (result == 0 && quiet) {
+    result = posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+    if (result == 0)
+      result = posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+  }
   if (result == 0 && !directory.empty()) {
     result = posix_spawn_file_actions_addchdir_np(&actions, directory.c_str());
   }
@@ -195,8 +200,7 @@ bool RunCapture(const std::vector<std::string>& argv, std::string* output,
     close(fds[0]);
     return false;
   }
-  const auto deadline =
-      std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
   bool timedOut = false;
   char buffer[4096];
   for (;;) {
@@ -241,7 +245,9 @@ int RunOpener(const std::string& target) {
   std::string opener = GetEnv("MRWL_OPENER");
   if (opener.empty()) opener = "xdg-open";
   pid_t pid = 0;
-  const int spawned = Spawn({opener, target}, std::string(), -1, &pid);
+  // The opener's verdict is its exit status; what it tells the terminal on the way (each viewer it
+  // tried and did not find) is no business of the user's, as the shell shows nothing either.
+  const int spawned = Spawn({opener, target}, std::string(), -1, &pid, /*quiet=*/true);
   if (spawned == ENOENT) return Fail(SE_ERR_NOASSOC, ERROR_NO_ASSOCIATION);
   if (spawned != 0) {
     const ShellFailure failure = FailureFromErrno(spawned);
