@@ -252,16 +252,17 @@ TEST_F(MrwlCli, SettingsShowSetAndResetAgreeWithTheCommandLineAndTheRegistry) {
   EXPECT_LT(table.find("\nsec128EncryptMeta "), table.find("\nRunCustPDFApp "));
   EXPECT_EQ(Must({"settings", "command-line"}), kDefaultCommandLine);
 
-  EXPECT_EQ(Must({"settings", "set", "PageWidth=612", "MarginTop=10.5", "landscapeorienatation=yes",
-                  "PDFSpecification=1.7", "CompressionLevel=0x2", "secUserPassword=s3cret",
-                  "RunPDFPath=/opt/view er"}),
+  // The A4 paper the page loaded with shows 842.0 high; "Custom" keeps what it shows.
+  EXPECT_EQ(Must({"settings", "set", "PaperSize=0", "PageWidth=612", "MarginTop=10.5",
+                  "landscapeorienatation=yes", "PDFSpecification=1.7", "CompressionLevel=0x2",
+                  "secUserPassword=s3cret", "RunPDFPath=/opt/view er"}),
             kDone);
   ExpectShown(Must({"settings", "show"}),
               {"PageWidth=612", "MarginTop=10.5", "PDFSpecification=65543 (PDF 1.7)",
-               "secUserPassword=\"********\"", "RunPDFPath=\"/opt/view er\""});
+               "secUserPassword=\"********\"", "RunPDFPath=\"/opt/view er\"", "PaperSize=0"});
   EXPECT_EQ(Must({"settings", "command-line"}),
             "\"\" \"\" \\l \\b \\h \\r \\iw 1280 \\ih 800 \\ld 500 \\is 65543 \\ic 2 \\pw 6120 "
-            "\\ph 8419 \\mt 105 \\mb 0 \\ml 0 \\mr 0 \n");
+            "\\ph 8420 \\mt 105 \\mb 0 \\ml 0 \\mr 0 \n");
   EXPECT_EQ(Must({"reg", "query", kSettingsKey, "/v", "PageWidth2"}),
             Listing("Software\\Brindlemoor\\Marrowline 6\\Outlook Addin",
                     "    PageWidth2    REG_DWORD    0x956a0\n"));
@@ -291,6 +292,60 @@ TEST_F(MrwlCli, SettingsSetWithOneBadArgumentSavesNothing) {
     ExpectFailure({"settings", "set", "LoadDelay=900", bad, "PageWidth=100"}, error);
     EXPECT_EQ(Must({"reg", "query", kSettingsKey}), before);
   }
+}
+
+// `settings set` edits through the options dialog's pages: their validation refuses what the
+// dialog would refuse, with the dialog's own words, and a refusal saves nothing.
+TEST_F(MrwlCli, SettingsSetGoesThroughTheDialogsRulesAndValidation) {
+  Must({"settings", "set", "LoadDelay=700"});
+  const std::string before = Must({"reg", "query", kSettingsKey});
+  const std::pair<Args, std::string> refused[] = {
+      {{"secEnabled=true"},
+       "Either a Document Open Password or Permissions Password should be specified.\n"},
+      {{"secEnabled=true", "secHasUserPassword=true"},
+       "Please either deselect 'Password Required' option or enter the password.\n"},
+      {{"secEnabled=true", "secHasUserPassword=true", "secUserPassword=Same",
+        "secHasOwnerPassword=true", "secOwnerPassword=Same"},
+       "The passwords to document open and permissions cannot be the same. Please enter "
+       "different password in one of passwords fields.\n"},
+      {{"PageWidth=612"}, "ERROR: PageWidth follows the paper size; give PaperSize=0 (Custom)"},
+      {{"WebPageTargetWidth=9000"}, "ERROR: Invalid value '9000' for WebPageTargetWidth"},
+  };
+  for (const auto& [assignments, error] : refused) {
+    SCOPED_TRACE(assignments.front() + " ... " + assignments.back());
+    Args args = {"settings", "set"};
+    args.insert(args.end(), assignments.begin(), assignments.end());
+    const Outcome outcome = Run(args);
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_TRUE(outcome.err.starts_with(error)) << outcome.err;
+    EXPECT_EQ(Must({"reg", "query", kSettingsKey}), before);
+  }
+
+  // Passwords that differ only in case pass; the dialog saves the page as it shows it, so the A4
+  // size goes in as the table's whole points.
+  Must({"settings", "set", "secEnabled=true", "secHasUserPassword=true", "secUserPassword=Same",
+        "secHasOwnerPassword=true", "secOwnerPassword=same", "sec40AllowPrinting=yes", "Units=2",
+        "RunCustPDFApp=true", "PDFSpecification=1.6"});
+  ExpectShown(Must({"settings", "show"}),
+              {"secEnabled=true", "sec40AllowPrinting=true", "Units=2 (mm)", "PageWidth=595",
+               "PageHeight=842", "RunCustPDFApp=true", "PDFSpecification=65542 (PDF 1.6)",
+               "LoadDelay=700"});
+
+  // Lengths are given in points whatever unit the page shows, and come back exactly.
+  Must({"settings", "set", "PaperSize=0", "PageWidth=300.125", "MarginLeft=36"});
+  ExpectShown(Must({"settings", "show"}),
+              {"PaperSize=0", "PageWidth=300.125", "MarginLeft=36", "Units=2 (mm)"});
+}
+
+TEST_F(MrwlCli, SettingsAloneWithoutADisplaySaysHowToChangeThem) {
+  testing::ScopedEnv noX11("DISPLAY");
+  testing::ScopedEnv noWayland("WAYLAND_DISPLAY");
+  ASSERT_TRUE(noX11.Unset() && noWayland.Unset());
+  const Outcome outcome = Run({"settings"});
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_EQ(outcome.err,
+            "There is no display to show the options dialog on. Use `mrwl settings show` to see "
+            "the settings and `mrwl settings set NAME=VALUE ...` to change them.\n");
 }
 
 TEST_F(MrwlCli, DamagedHiveIsReportedAndLeftAsItIs) {

@@ -17,9 +17,16 @@
 #include <CLI/CLI.hpp>
 
 #include "foundation/wide_string.h"
+#include "host/addin_session.h"
+#include "host/host_outlook.h"
 #include "host/reg_command.h"
+#include "platform/com_object.h"
+#include "platform/dialog.h"
 #include "platform/registry.h"
 #include "settings/addin_settings.h"
+#include "settings/dialog_templates.h"
+#include "settings/headless_dialog.h"
+#include "settings/options_dialog.h"
 
 namespace mrwl {
 namespace {
@@ -68,8 +75,10 @@ const Field kFields[] = {
     {"HiOption", [](AddinSettings& s) -> FieldRef { return &s.HiOption; }, false},
     {"UseWebPageBackgroundColor",
      [](AddinSettings& s) -> FieldRef { return &s.UseWebPageBackgroundColor; }},
-    {"PaperSize", [](AddinSettings& s) -> FieldRef { return &s.PaperSize; }},
-    {"WebPageTargetWidth", [](AddinSettings& s) -> FieldRef { return &s.WebPageTargetWidth; }},
+    {"PaperSize", [](AddinSettings& s) -> FieldRef { return &s.PaperSize; }, true, false, 0,
+     static_cast<std::uint32_t>(PaperSizeTable.size() - 1)},
+    {"WebPageTargetWidth", [](AddinSettings& s) -> FieldRef { return &s.WebPageTargetWidth; }, true,
+     false, 0, 5000},
     {"WebPageTargetHeight", [](AddinSettings& s) -> FieldRef { return &s.WebPageTargetHeight; },
      false},
     {"Units", [](AddinSettings& s) -> FieldRef { return &s.Units; }, true, false, 0, 2,
@@ -242,27 +251,260 @@ bool ProbeHive() {
   return false;
 }
 
-// SaveSettings reports nothing; the key is created here first so that a hive that cannot take it
-// is reported, and afterwards any fault the hive met on the way is.
-bool Save(AddinSettings& settings) {
-  {
-    UniqueRegKey key;
-    const LSTATUS rc = platform::RegCreateKeyExW(
-        HKEY_CURRENT_USER, settings.SettingsKeyPath.c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE,
-        KEY_READ | KEY_WRITE, nullptr, key.put(), nullptr);
-    if (rc != ERROR_SUCCESS) {
-      ReportRegistryError(rc);
-      return false;
-    }
-  }
-  settings.SaveSettings();
-  const std::u16string problem = platform::RegHiveProblem();
-  if (!problem.empty()) {
-    PrintLine(stderr, "ERROR: The settings could not be saved completely.");
-    PrintLine(stderr, WideToUtf8(problem));
+// SaveSettings reports nothing, so the key is created first: a hive that cannot take it is
+// reported before anything is written.
+bool CreateSettingsKey(const AddinSettings& settings) {
+  UniqueRegKey key;
+  const LSTATUS rc = platform::RegCreateKeyExW(HKEY_CURRENT_USER, settings.SettingsKeyPath.c_str(),
+                                               0, nullptr, REG_OPTION_NON_VOLATILE,
+                                               KEY_READ | KEY_WRITE, nullptr, key.put(), nullptr);
+  if (rc != ERROR_SUCCESS) {
+    ReportRegistryError(rc);
     return false;
   }
   return true;
+}
+
+// Any fault the hive met while the record was written.
+bool ReportSaveProblem() {
+  const std::u16string problem = platform::RegHiveProblem();
+  if (problem.empty()) return true;
+  PrintLine(stderr, "ERROR: The settings could not be saved completely.");
+  PrintLine(stderr, WideToUtf8(problem));
+  return false;
+}
+
+bool Save(AddinSettings& settings) {
+  if (!CreateSettingsKey(settings)) return false;
+  settings.SaveSettings();
+  return ReportSaveProblem();
+}
+
+// Where a field lives in the options dialog: the template of the dialog that holds its control,
+// the control, and for a pair of radio buttons the one that stands for false.
+struct DialogPlace {
+  std::string_view field;
+  int dialog;
+  int control;
+  int falseControl = 0;
+};
+
+const DialogPlace kDialogPlaces[] = {
+    {"PaperSize", kPdfPageDialog, kIdPaperSize},
+    {"PageWidth", kPdfPageDialog, kIdPageWidth},
+    {"PageHeight", kPdfPageDialog, kIdPageHeight},
+    {"MarginTop", kPdfPageDialog, kIdMarginTop},
+    {"MarginBottom", kPdfPageDialog, kIdMarginBottom},
+    {"MarginLeft", kPdfPageDialog, kIdMarginLeft},
+    {"MarginRight", kPdfPageDialog, kIdMarginRight},
+    {"Units", kPdfPageDialog, kIdUnits},
+    {"LandscapeOrienatation", kPdfPageDialog, kIdLandscape, kIdPortrait},
+    {"secEnabled", kSecurityPageDialog, kIdUseSecurity},
+    {"secHasUserPassword", kSecurityPageDialog, kIdHasUserPassword},
+    {"secHasOwnerPassword", kSecurityPageDialog, kIdHasOwnerPassword},
+    {"secUserPassword", kSecurityPageDialog, kIdUserPassword},
+    {"secOwnerPassword", kSecurityPageDialog, kIdOwnerPassword},
+    {"secType", kSecurityPageDialog, kIdEncryptionLevel},
+    {"sec40AllowPrinting", kPermissions40Dialog, kIdAllowPrinting40},
+    {"sec40AllowChanging", kPermissions40Dialog, kIdAllowChanging40},
+    {"sec40AllowCopying", kPermissions40Dialog, kIdAllowCopying40},
+    {"sec40AllowComments", kPermissions40Dialog, kIdAllowComments40},
+    {"sec128ContentAccess", kPermissions128Dialog, kIdContentAccess},
+    {"sec128AllowCopying", kPermissions128Dialog, kIdAllowCopying128},
+    {"sec128Changes", kPermissions128Dialog, kIdChangesAllowed},
+    {"sec128Printing", kPermissions128Dialog, kIdPrinting},
+    {"sec128EncryptMeta", kPermissions128Dialog, kIdEncryptMetadata},
+    {"ConvertAttachments", kAdvancedPageDialog, kIdConvertAttachments},
+    {"RunPDFApp", kAdvancedSubPageDialog, kIdRunApplication},
+    {"RunCustPDFApp", kAdvancedSubPageDialog, kIdCustomApplication, kIdDefaultApplication},
+    {"RunPDFPath", kAdvancedSubPageDialog, kIdApplicationPath},
+    {"RunPDFParams", kAdvancedSubPageDialog, kIdApplicationParameters},
+    {"WebPageTargetWidth", kAdvancedSubPageDialog, kIdTargetWidth},
+    {"PDFSpecification", kAdvancedSubPageDialog, kIdPdfVersion},
+    {"CompressionLevel", kAdvancedSubPageDialog, kIdCompression},
+};
+
+const DialogPlace* FindDialogPlace(const Field& field) {
+  for (const DialogPlace& place : kDialogPlaces) {
+    if (place.field == field.name) return &place;
+  }
+  return nullptr;
+}
+
+// A change made as a person makes it in the dialog: the tab that holds the control comes to the
+// front and the control is clicked where it takes a click, so that the page's rules run. Where the
+// page has disabled the control, or shows another permission panel, its state is set all the
+// same, as the page keeps and saves the values of such controls.
+class DialogEditor {
+ public:
+  explicit DialogEditor(HeadlessDialog& frame) : frame_(frame) {}
+
+  HeadlessDialog& Page(int dialog) { return *frame_.FindChild(dialog); }
+
+  void Check(int dialog, int id, bool checked) {
+    HeadlessDialog& page = Front(dialog);
+    if (page.IsChecked(id) == checked) return;
+    if (Usable(page, id)) {
+      page.Click(id);
+    } else {
+      page.SetChecked(id, checked);
+    }
+  }
+
+  void Radio(int dialog, int on, int off) {
+    HeadlessDialog& page = Front(dialog);
+    if (Usable(page, on)) {
+      page.Click(on);
+    } else {
+      page.SetChecked(on, true);
+      page.SetChecked(off, false);
+    }
+  }
+
+  void Choose(int dialog, int id, int row) {
+    HeadlessDialog& page = Front(dialog);
+    if (Usable(page, id)) {
+      page.Choose(id, row);
+    } else {
+      page.Select(id, row);
+    }
+  }
+
+  void Type(int dialog, int id, std::u16string_view text) {
+    HeadlessDialog& page = Front(dialog);
+    if (Usable(page, id)) {
+      page.Type(id, text);
+    } else {
+      page.SetText(id, text);
+    }
+  }
+
+ private:
+  // Brings the tab that shows `dialog` to the front; tabs are ordered as the frame inserts them.
+  HeadlessDialog& Front(int dialog) {
+    int tab = 2;
+    if (dialog == kPdfPageDialog) {
+      tab = 0;
+    } else if (dialog == kSecurityPageDialog || dialog == kPermissions40Dialog ||
+               dialog == kPermissions128Dialog) {
+      tab = 1;
+    }
+    if (frame_.SelectedTab(kIdTabs) != tab) frame_.ChooseTab(kIdTabs, tab);
+    return Page(dialog);
+  }
+
+  static bool Usable(const HeadlessDialog& page, int id) {
+    return page.IsWindowVisible() && page.IsEnabled(id);
+  }
+
+  HeadlessDialog& frame_;
+};
+
+// The row of `value` in the list that carries it.
+int RowOf(const Field& field, std::uint32_t value) {
+  if (field.name == "PDFSpecification") {
+    for (std::size_t row = 0; row < PdfVersionTable.size(); ++row) {
+      if (PdfVersionTable[row].code == value) return static_cast<int>(row);
+    }
+    return -1;
+  }
+  return static_cast<int>(value);
+}
+
+// Makes `changes` in the options dialog over `settings` and leaves it with OK, so that the pages'
+// rules and the security page's validation apply as they do on a screen. Fields that no page
+// shows go into the record directly. False, with nothing saved, when the dialog refuses OK or a
+// change cannot be made in it; the dialog's own message has then been shown.
+template <typename Change>
+bool SaveThroughDialog(AddinSettings& settings, const std::vector<Change>& changes) {
+  OptionsDialog dialog;
+  dialog.SetRecord(&settings);
+  HeadlessDialog frame(*FindDialogTemplate(kOptionsFrameDialog), dialog);
+  frame.SetMessageEcho(true);
+  frame.Open();
+  DialogEditor editor(frame);
+
+  // The paper first, as a person picks it before typing a size; lengths are typed in points and
+  // the unit asked for (or the one shown) is chosen last, which carries them across exactly.
+  HeadlessDialog& pdfPage = editor.Page(kPdfPageDialog);
+  int unitRow = std::max(0, pdfPage.Selection(kIdUnits));
+  const auto ordered = [&changes](bool paper) {
+    std::vector<const Change*> out;
+    for (const Change& change : changes) {
+      if ((change.field->name == "PaperSize") == paper) out.push_back(&change);
+    }
+    return out;
+  };
+  std::vector<const Change*> sequence = ordered(true);
+  for (const Change* change : ordered(false)) sequence.push_back(change);
+  editor.Choose(kPdfPageDialog, kIdUnits, 0);
+
+  for (const Change* change : sequence) {
+    const Field& field = *change->field;
+    const DialogPlace* place = FindDialogPlace(field);
+    if (place == nullptr) {
+      Apply(field, settings, change->value);
+      continue;
+    }
+    if (field.name == "Units") {
+      unitRow = static_cast<int>(std::get<std::uint32_t>(change->value));
+      continue;
+    }
+    const auto* flag = std::get_if<bool>(&change->value);
+    const auto* number = std::get_if<std::uint32_t>(&change->value);
+    const auto* length = std::get_if<double>(&change->value);
+    const auto* text = std::get_if<WideString>(&change->value);
+    if (flag != nullptr && place->falseControl != 0) {
+      editor.Radio(place->dialog, *flag ? place->control : place->falseControl,
+                   *flag ? place->falseControl : place->control);
+    } else if (flag != nullptr) {
+      editor.Check(place->dialog, place->control, *flag);
+    } else if (number != nullptr && place->control == kIdTargetWidth) {
+      editor.Type(place->dialog, place->control, Utf8ToWide(std::to_string(*number)));
+    } else if (number != nullptr) {
+      editor.Choose(place->dialog, place->control, RowOf(field, *number));
+    } else if (length != nullptr) {
+      if (!pdfPage.IsEnabled(place->control)) {
+        PrintLine(stderr, "ERROR: " + std::string(field.name) +
+                              " follows the paper size; give PaperSize=0 (Custom) to set it.");
+        return false;
+      }
+      editor.Type(place->dialog, place->control, Utf8ToWide(DoubleText(*length)));
+    } else if (text != nullptr) {
+      editor.Type(place->dialog, place->control, text->view());
+    }
+  }
+  editor.Choose(kPdfPageDialog, kIdUnits, unitRow);
+
+  if (!CreateSettingsKey(settings)) return false;
+  frame.Click(kIdOk);
+  if (!frame.Ended()) {
+    PrintLine(stderr, "ERROR: The settings were not saved.");
+    return false;
+  }
+  return ReportSaveProblem();
+}
+
+// `mrwl settings` alone: the add-in's "Settings" command, as Outlook runs it from the ribbon.
+int RunDialog() {
+  if (!platform::CanShowDialogs()) {
+    PrintLine(stderr,
+              "There is no display to show the options dialog on. Use `mrwl settings show` to see "
+              "the settings and `mrwl settings set NAME=VALUE ...` to change them.");
+    return 1;
+  }
+  if (!ProbeHive()) return 1;
+  auto application = MakeComObject<host::HostApplication>(std::u16string());
+  host::AddinSession session;
+  std::string error;
+  (void)application->OpenExplorer(u"Inbox", {});
+  const bool clicked =
+      session.Load(host::AddinModulePath(), &error) && session.Connect(application.get(), &error) &&
+      session.LoadRibbon(host::kExplorerRibbonId, &error) && session.Click(u"Settings", &error);
+  if (!clicked) PrintLine(stderr, "ERROR: " + error);
+  application->CloseWindows();
+  session.Disconnect();
+  return clicked ? 0 : 1;
 }
 
 int RunShow() {
@@ -334,8 +576,7 @@ int RunSet(const std::vector<std::string>& assignments) {
   if (!ProbeHive()) return 1;
   AddinSettings settings;
   settings.LoadSettings();
-  for (const Change& change : changes) Apply(*change.field, settings, change.value);
-  if (!Save(settings)) return 1;
+  if (!SaveThroughDialog(settings, changes)) return 1;
   PrintLine(stdout, kCompleted);
   return 0;
 }
@@ -363,8 +604,12 @@ int RunCommandLine() {
 
 void AddSettingsCommand(CLI::App& app, int* status) {
   CLI::App* settings =
-      app.add_subcommand("settings", "Show and change the add-in's settings in HKEY_CURRENT_USER");
-  settings->ignore_case()->require_subcommand(1);
+      app.add_subcommand("settings", "Open the options dialog, or show and change the settings");
+  settings->ignore_case()->require_subcommand(0, 1);
+  // Alone, it opens the options dialog as the ribbon's "Settings" does.
+  settings->callback([settings, status] {
+    if (settings->get_subcommands().empty()) *status = RunDialog();
+  });
 
   settings->add_subcommand("show", "Print every field of the settings and where they live")
       ->callback([status] { *status = RunShow(); });

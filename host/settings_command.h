@@ -1,5 +1,6 @@
-// `mrwl settings`: the add-in's per-user settings record from the command line: show it, change
-// fields of it, put the defaults back, and show the converter's option string it gives.
+// `mrwl settings`: the add-in's options dialog, and its per-user settings record from the command
+// line: show it, change fields of it (through the dialog's pages, so their rules apply), put the
+// defaults back, and show the converter's option string it gives.
 //
 // Every subcommand first makes sure the hive can be read, so a damaged hive is reported and never
 // written over. Runs on the main thread of the host and writes to the standard streams.
