@@ -27,7 +27,12 @@ mrwl_require_packages() {
 }
 
 MRWL_BUILD_PACKAGES=(cmake ninja-build g++ pkg-config libgtest-dev libbenchmark-dev libssl-dev
-  libsqlite3-dev libcli11-dev libgmime-3.0-dev libxml2-dev libpng-dev)
+  libsqlite3-dev libcli11-dev libgmime-3.0-dev libxml2-dev libpng-dev libgtk-3-dev libqpdf-dev
+  rapidjson-dev)
+
+# What the converter needs at run time: the browser that renders the pages, and fonts that cover
+# Latin, Greek, Cyrillic and the CJK scripts.
+MRWL_RUN_PACKAGES=(chromium fonts-dejavu-core fonts-noto-core fonts-noto-cjk)
 
 # Configures and builds one folder: mrwl_build DIR [cmake options...]
 mrwl_build() {

@@ -3,10 +3,13 @@
 # and UndefinedBehaviorSanitizer, and the guard that the portable sources compile for Windows.
 source "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
-# Python's e-mail test corpus and Python itself, the reference for decoded header fields, and
-# the sqlite3 program, which the registration tests use to make the hive refuse a write.
-mrwl_require_packages "${MRWL_BUILD_PACKAGES[@]}" g++-mingw-w64-x86-64-posix python3 sqlite3 \
-  libpython3.11-testsuite
+# Python's e-mail test corpus and Python itself, the reference for decoded header fields; the
+# sqlite3 program, which the registration tests use to make the hive refuse a write; a virtual
+# display and ImageMagick for the dialog's screenshots; qpdf's and poppler's tools to look into
+# the PDFs the converter writes.
+mrwl_require_packages "${MRWL_BUILD_PACKAGES[@]}" "${MRWL_RUN_PACKAGES[@]}" \
+  g++-mingw-w64-x86-64-posix python3 sqlite3 libpython3.11-testsuite xvfb xauth imagemagick \
+  qpdf poppler-utils
 
 echo "== Windows compile guard"
 "$MRWL_ROOT/scripts/windows_compile_guard.sh"
