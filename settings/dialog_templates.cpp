@@ -63,20 +63,21 @@ constexpr DialogControl kPdfPageControls[] = {
 };
 
 constexpr DialogControl kSecurityPageControls[] = {
-    {kIdUseSecurity, K::kCheckBox, u"Use PDF security", 7, 7, 150, 10},
-    {-1, K::kGroupBox, u"Document Passwords", 7, 21, 283, 75},
-    {kIdHasUserPassword, K::kCheckBox, u"Password Required to Open the Document", 15, 33, 267, 10},
-    {-1, K::kLabel, u"Password:", 25, 49, 42, 8},
-    {kIdUserPassword, K::kPasswordEdit, u"", 70, 47, 130, 12},
+    {kIdUseSecurity, K::kCheckBox, u"Use PDF security", 7, 6, 150, 10},
+    {-1, K::kGroupBox, u"Document Passwords", 7, 19, 283, 67},
+    {kIdHasUserPassword, K::kCheckBox, u"Password Required to Open the Document", 15, 30, 267, 10},
+    {-1, K::kLabel, u"Password:", 25, 44, 42, 8},
+    {kIdUserPassword, K::kPasswordEdit, u"", 70, 42, 130, 12},
     {kIdHasOwnerPassword, K::kCheckBox, u"Password Required to Change Permissions and/or Passwords",
-     15, 63, 267, 10},
-    {-1, K::kLabel, u"Password:", 25, 79, 42, 8},
-    {kIdOwnerPassword, K::kPasswordEdit, u"", 70, 77, 130, 12},
-    {-1, K::kGroupBox, u"Document Permissions", 7, 103, 283, 110},
-    {-1, K::kLabel, u"Encryption Level:", 15, 117, 60, 8},
-    {kIdEncryptionLevel, K::kDropDownList, u"", 78, 115, 204, 12},
+     15, 57, 267, 10},
+    {-1, K::kLabel, u"Password:", 25, 71, 42, 8},
+    {kIdOwnerPassword, K::kPasswordEdit, u"", 70, 69, 130, 12},
+    // Everything stays within what the tab shows of the page, though the page is taller.
+    {-1, K::kGroupBox, u"Document Permissions", 7, 89, 283, 99},
+    {-1, K::kLabel, u"Encryption Level:", 15, 102, 60, 8},
+    {kIdEncryptionLevel, K::kDropDownList, u"", 78, 100, 204, 12},
     // The larger of the two permission panels goes here, at its own size.
-    {kIdPlaceholder, K::kPlaceholder, u"SubPlaceHolder", 12, 133, 273, 69},
+    {kIdPlaceholder, K::kPlaceholder, u"SubPlaceHolder", 12, 116, 273, 69},
 };
 
 // The permission panels sit inside the page's group box, which gives them their margins.
