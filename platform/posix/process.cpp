@@ -86,6 +86,26 @@ int PollTimeout(bool unlimited, std::chrono::steady_clock::time_point deadline) 
   return left <= 0 ? 0 : static_cast<int>(left);
 }
 
+// Waits for `events` on `fd` until the deadline, through interruptions. Answers the events that
+// came, or 0 with the last error set: ERROR_TIMEOUT, or what poll met.
+short WaitForEvents(int fd, short events, bool unlimited,
+                    std::chrono::steady_clock::time_point deadline) {
+  for (;;) {
+    pollfd entry{fd, events, 0};
+    const int ready = ::poll(&entry, 1, PollTimeout(unlimited, deadline));
+    if (ready < 0) {
+      if (errno == EINTR) continue;
+      posix::SetLastErrorFromErrno();
+      return 0;
+    }
+    if (ready == 0) {
+      SetLastError(ERROR_TIMEOUT);
+      return 0;
+    }
+    return entry.revents;
+  }
+}
+
 // Writes with SIGPIPE held back on this thread, so that a child that has gone turns into
 // EPIPE rather than ending the whole process; a SIGPIPE raised meanwhile is consumed.
 ssize_t WriteWithoutSigpipe(int fd, const char* data, std::size_t size) noexcept {
@@ -238,18 +258,9 @@ BOOL ChildProcess::WriteToChild(std::string_view data, DWORD timeoutMs) noexcept
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
   std::size_t done = 0;
   while (done < data.size()) {
-    pollfd entry{toChild_, POLLOUT, 0};
-    const int ready = ::poll(&entry, 1, PollTimeout(unlimited, deadline));
-    if (ready < 0) {
-      if (errno == EINTR) continue;
-      posix::SetLastErrorFromErrno();
-      return FALSE;
-    }
-    if (ready == 0) {
-      SetLastError(ERROR_TIMEOUT);
-      return FALSE;
-    }
-    if ((entry.revents & POLLOUT) == 0) {
+    const short events = WaitForEvents(toChild_, POLLOUT, unlimited, deadline);
+    if (events == 0) return FALSE;
+    if ((events & POLLOUT) == 0) {
       // POLLERR alone: the reader has gone.
       SetLastError(ERROR_BROKEN_PIPE);
       return FALSE;
@@ -273,17 +284,7 @@ BOOL ChildProcess::ReadFromChild(std::string& data, DWORD timeoutMs) noexcept {
   const bool unlimited = timeoutMs == INFINITE;
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
   for (;;) {
-    pollfd entry{fromChild_, POLLIN, 0};
-    const int ready = ::poll(&entry, 1, PollTimeout(unlimited, deadline));
-    if (ready < 0) {
-      if (errno == EINTR) continue;
-      posix::SetLastErrorFromErrno();
-      return FALSE;
-    }
-    if (ready == 0) {
-      SetLastError(ERROR_TIMEOUT);
-      return FALSE;
-    }
+    if (WaitForEvents(fromChild_, POLLIN, unlimited, deadline) == 0) return FALSE;
     char buffer[65536];
     const ssize_t got = ::read(fromChild_, buffer, sizeof buffer);
     if (got < 0) {
