@@ -566,24 +566,34 @@ TEST_F(ConverterOnRecord, FailedJobKeepsTheExistingPdfAndStillCleansUp) {
   EXPECT_FALSE(fs::exists(record_));
 }
 
-TEST_F(ConverterOnRecord, PortfolioGoesOnWithoutTheJobThatFailed) {
+TEST_F(ConverterOnRecord, PortfolioGoesOnWithoutTheJobThatFailedOrTheAttachmentThatWentAway) {
   KeepRecordOf({"plain-text.eml", "attachments.eml"}, true);
   ASSERT_TRUE(handoff_.jobs[0].mail && handoff_.jobs[1].mail);
   fs::remove(Utf8(handoff_.jobs[0].page));
+  // Another conversion that saved an attachment of the same name has finished and taken it along.
+  ASSERT_GE(handoff_.jobs[1].attachments.size(), 2u);
+  const std::string gone = Utf8(handoff_.jobs[1].attachments[0]);
+  const std::string kept = fs::path(Utf8(handoff_.jobs[1].attachments[1])).filename().string();
+  fs::remove(gone);
   const CommandOutcome outcome = RunConverter(record_.string());
   EXPECT_EQ(outcome.status, 1) << outcome.err;
   EXPECT_NE(
       outcome.err.find("job 1 of 2 (\"" + Utf8(handoff_.jobs[0].mail->subject) + "\") failed: "),
       std::string::npos)
       << outcome.err;
-  EXPECT_EQ(outcome.err.find("job 2 of 2"), std::string::npos) << outcome.err;
+  EXPECT_NE(outcome.err.find("job 2 of 2 (\"" + Utf8(handoff_.jobs[1].mail->subject) +
+                             "\") failed: its attachment " + gone + " is not there any more"),
+            std::string::npos)
+      << outcome.err;
   ASSERT_TRUE(fs::exists(output_));
   const Strings files = AttachmentsOf(output_);
-  const auto count = [&files](const std::u16string& name) {
-    return std::count(files.begin(), files.end(), Utf8(name));
+  const auto count = [&files](const std::string& name) {
+    return std::count(files.begin(), files.end(), name);
   };
-  EXPECT_EQ(count(handoff_.jobs[0].mail->fileName), 0) << ::testing::PrintToString(files);
-  EXPECT_EQ(count(handoff_.jobs[1].mail->fileName), 1) << ::testing::PrintToString(files);
+  EXPECT_EQ(count(Utf8(handoff_.jobs[0].mail->fileName)), 0) << ::testing::PrintToString(files);
+  EXPECT_EQ(count(Utf8(handoff_.jobs[1].mail->fileName)), 1) << ::testing::PrintToString(files);
+  EXPECT_EQ(count(kept), 1) << ::testing::PrintToString(files);
+  EXPECT_EQ(count(fs::path(gone).filename().string()), 0) << ::testing::PrintToString(files);
   EXPECT_FALSE(fs::exists(record_));
 }
 

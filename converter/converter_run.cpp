@@ -107,15 +107,6 @@ bool ReadWholeFile(const std::u16string& path, std::string& bytes) {
   return ok;
 }
 
-std::vector<EmbeddedFile> EmbeddedFilesOf(const ConversionJob& job) {
-  std::vector<EmbeddedFile> files;
-  files.reserve(job.attachments.size());
-  for (const std::u16string& path : job.attachments) {
-    files.push_back({ToUtf8(path), std::u16string(FileNameOf(path))});
-  }
-  return files;
-}
-
 FinishOptions FinishOptionsOf(const ConverterOptions& options, const HandoffRecord& record) {
   FinishOptions finish;
   finish.keepLinks = options.links;
@@ -204,6 +195,28 @@ class Reporter {
   std::set<std::string> seenNotes_;
 };
 
+// The attachments of job `index` that are there to embed. One that has gone is named and left
+// out, and the run counts as failed: the PDF without it is worth more than none. (Conversions
+// running side by side save attachments of one name to one file in the temporary folder, and
+// the first to finish deletes it.)
+std::vector<EmbeddedFile> EmbeddedFilesOf(const ConversionJob& job, std::size_t index,
+                                          const Reporter& reporter, bool& failed) {
+  std::vector<EmbeddedFile> files;
+  files.reserve(job.attachments.size());
+  for (const std::u16string& path : job.attachments) {
+    const DWORD attributes = platform::GetFileAttributesW(path.c_str());
+    if (attributes == INVALID_FILE_ATTRIBUTES || (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
+      reporter.JobFailed(index, JobLabel(job),
+                         "its attachment " + ToUtf8(path) +
+                             " is not there any more; the PDF is written without it");
+      failed = true;
+      continue;
+    }
+    files.push_back({ToUtf8(path), std::u16string(FileNameOf(path))});
+  }
+  return files;
+}
+
 // Renders the page of `job` with the browser for its folder; false with `error` in plain words.
 bool RenderJob(BrowserSession& browsers, const std::string& folder, const ConverterOptions& options,
                const ConversionJob& job, std::string& pdf, std::string& error) {
@@ -220,7 +233,7 @@ bool RenderJob(BrowserSession& browsers, const std::string& folder, const Conver
 
 void RunPlainJobs(const ConverterOptions& options, const HandoffRecord& record,
                   const std::vector<std::string>& folders, BrowserSession& browsers,
-                  Reporter& reporter, std::vector<std::u16string>& written) {
+                  Reporter& reporter, std::vector<std::u16string>& written, bool& failed) {
   const FinishOptions finish = FinishOptionsOf(options, record);
   for (std::size_t i = 0; i < record.jobs.size(); ++i) {
     const ConversionJob& job = record.jobs[i];
@@ -230,17 +243,21 @@ void RunPlainJobs(const ConverterOptions& options, const HandoffRecord& record,
     std::string error;
     if (job.outputPath.empty()) {
       reporter.JobFailed(i, label, "the hand-off record names no output file for it");
+      failed = true;
       continue;
     }
     if (!RenderJob(browsers, folders[i], options, job, pdf, error)) {
       reporter.JobFailed(i, label, error);
+      failed = true;
       continue;
     }
     std::vector<std::string> notes;
-    if (!FinishPdf(pdf, finish, EmbeddedFilesOf(job), ToUtf8(job.outputPath), notes, error)) {
+    if (!FinishPdf(pdf, finish, EmbeddedFilesOf(job, i, reporter, failed), ToUtf8(job.outputPath),
+                   notes, error)) {
       reporter.Notes(notes);
       reporter.JobFailed(i, label,
                          "the PDF " + ToUtf8(job.outputPath) + " could not be written: " + error);
+      failed = true;
       continue;
     }
     reporter.Notes(notes);
@@ -301,7 +318,7 @@ void RunPortfolio(const ConverterOptions& options, const HandoffRecord& record,
       entry.record.subject = label;
     }
     if (entry.record.fileName.empty()) entry.record.fileName = label + u".pdf";
-    entry.attachments = EmbeddedFilesOf(job);
+    entry.attachments = EmbeddedFilesOf(job, i, reporter, failed);
     entries.push_back(std::move(entry));
   }
 
@@ -480,8 +497,7 @@ int RunConverter(const std::vector<std::string>& arguments) {
     if (record.portfolio) {
       RunPortfolio(options, record, folders, browsers, reporter, written, failed);
     } else {
-      RunPlainJobs(options, record, folders, browsers, reporter, written);
-      failed = written.size() != record.jobs.size();
+      RunPlainJobs(options, record, folders, browsers, reporter, written, failed);
     }
   }  // the browser goes before anything is opened or deleted
   reporter.Finished(written);

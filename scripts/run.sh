@@ -40,6 +40,9 @@ status=0
 echo
 echo "== Converting the sample mails into one PDF portfolio in $output"
 "$mrwl" convert --portfolio -d "$output" --yes "$MRWL_ROOT"/samples/*.eml || status=$?
+# Both conversions save the attachments under their own names in the temporary folder, and the
+# converter that finishes first deletes them: one after the other, each finds its own.
+wait_for_converters || status=1
 echo
 echo "== Converting the sample mails into one PDF each in $output/mails"
 "$mrwl" convert -d "$output/mails" --yes "$MRWL_ROOT"/samples/*.eml || status=$?
