@@ -1,4 +1,6 @@
 #include <cstdint>
+#include <functional>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -16,167 +18,129 @@ namespace {
 
 using Arguments = std::vector<std::u16string>;
 
-// Starts a stand-in converter with the add-in's own option string, the way the add-in starts the
-// real one, and reads back the arguments that arrived.
-class ConverterArgumentsTest : public ::testing::Test {
- protected:
-  Arguments StartWith(const AddinSettings& settings) {
+// Every option on one line, so that a whole parse is compared at once.
+std::string Describe(const ConverterOptions& o) {
+  std::ostringstream out;
+  out << "in=" << WideToUtf8(o.inputName) << " out=" << WideToUtf8(o.outputName) << " l"
+      << o.landscape << " b" << o.backgrounds << " h" << o.links << " r" << o.runAfterwards << " hi"
+      << o.hiOption << " iw" << o.pageWidthPx << " ih" << o.pageHeightPx << " ld" << o.loadDelayMs
+      << " is" << std::hex << o.pdfVersion << std::dec << " ic" << o.compression << " paper "
+      << o.paperWidth << "x" << o.paperHeight << " margins " << o.marginTop << "," << o.marginBottom
+      << "," << o.marginLeft << "," << o.marginRight << " bp=" << WideToUtf8(o.handoffPath)
+      << " sm=" << WideToUtf8(o.mappingName) << " ce=" << WideToUtf8(o.ceOption);
+  return out.str();
+}
+
+ConverterOptions Parse(const Arguments& arguments) {
+  ConverterOptions options;
+  std::u16string error;
+  EXPECT_TRUE(ParseConverterArguments(arguments, options, error)) << WideToUtf8(error);
+  return options;
+}
+
+std::string Refusal(const Arguments& arguments) {
+  ConverterOptions options;
+  std::u16string error;
+  EXPECT_FALSE(ParseConverterArguments(arguments, options, error));
+  return WideToUtf8(error);
+}
+
+// The add-in's own option string goes to a stand-in converter the way the add-in starts the real
+// one, so the quoting of the shell start is part of what is checked.
+TEST(ConverterArguments, SettingsOfTheAddinArriveThroughARealStart) {
+  const struct {
+    const char* name;
+    std::function<void(AddinSettings&)> change;
+    const char* expected;
+  } cases[] = {
+      {"defaults", [](AddinSettings&) {},
+       "in= out= l0 b1 h1 r1 hi0 iw1280 ih800 ld500 is10004 ic1 paper 5953x8419 margins 0,0,0,0"
+       " bp=/tmp/mrwstg_1a2b.bin sm= ce="},
+      {"everything changed, blanks in the path",
+       [](AddinSettings& s) {
+         s.LandscapeOrienatation = s.HiOption = true;
+         s.UseWebPageBackgroundColor = s.GenerateLinks = s.RunPDFApp = false;
+         s.WebPageTargetWidth = 4294967295u;
+         s.LoadDelay = 0;
+         s.PDFSpecification = 0x10007;
+         s.CompressionLevel = 2;
+         s.PageWidth = 612.0;
+         s.PageHeight = 792.05;  // tenths are rounded, not cut
+         s.MarginTop = 12.5;
+         s.MarginBottom = 7.25;
+         s.MarginLeft = 36.0;
+         s.MarginRight = 0.09;
+         s.HandoffFilePath = std::u16string_view(u"/tmp/Ann Lee/Mail \u00e9t\u00e9/mrwstg_9.bin");
+         s.CeOption = std::u16string_view(u"some value");
+       },
+       "in= out= l1 b0 h0 r0 hi1 iw4294967295 ih800 ld0 is10007 ic2 paper 6120x7920 margins"
+       " 125,72,360,0 bp=/tmp/Ann Lee/Mail \xc3\xa9t\xc3\xa9/mrwstg_9.bin sm= ce=some value"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    mrwl::testing::TempFolder folder;
+    AddinSettings settings(u"Software\\Test\\Unused");
+    settings.HandoffFilePath = std::u16string_view(u"/tmp/mrwstg_1a2b.bin");
+    c.change(settings);
     WideString line;
     settings.BuildConverterCommandLine(u"", u"", line);
-    const std::string record = folder_.PathOf("arguments.txt");
-    const std::string program =
-        folder_.Write("HtmlToPdfApp", mrwl::testing::RecorderScript(record), true);
-    const WideString file = Utf8ToWide(program);
-    const auto result = reinterpret_cast<std::uintptr_t>(
-        platform::ShellExecuteW(nullptr, nullptr, file.c_str(), line.c_str(), nullptr, SW_SHOW));
-    EXPECT_GT(result, 32u);
+    const std::string record = folder.PathOf("arguments.txt");
+    const WideString program =
+        Utf8ToWide(folder.Write("HtmlToPdfApp", mrwl::testing::RecorderScript(record), true));
+    EXPECT_GT(reinterpret_cast<std::uintptr_t>(platform::ShellExecuteW(
+                  nullptr, nullptr, program.c_str(), line.c_str(), nullptr, SW_SHOW)),
+              32u);
     Arguments arguments;
     for (const std::string& argument : mrwl::testing::WaitForLines(record)) {
       arguments.emplace_back(Utf8ToWide(argument).view());
     }
-    return arguments;
+    EXPECT_EQ(c.expected, Describe(Parse(arguments)));
   }
-
-  static ConverterOptions Parse(const Arguments& arguments) {
-    ConverterOptions options;
-    std::u16string error;
-    EXPECT_TRUE(ParseConverterArguments(arguments, options, error)) << WideToUtf8(error);
-    return options;
-  }
-
-  static std::string Refusal(const Arguments& arguments) {
-    ConverterOptions options;
-    std::u16string error;
-    EXPECT_FALSE(ParseConverterArguments(arguments, options, error));
-    return WideToUtf8(error);
-  }
-
-  mrwl::testing::TempFolder folder_;
-};
-
-TEST_F(ConverterArgumentsTest, DefaultSettingsArriveAsTheirValues) {
-  AddinSettings settings(u"Software\\Test\\Unused");
-  settings.HandoffFilePath = std::u16string_view(u"/tmp/mrwstg_1a2b.bin");
-  const ConverterOptions options = Parse(StartWith(settings));
-
-  EXPECT_EQ(u"", options.inputName);
-  EXPECT_EQ(u"", options.outputName);
-  EXPECT_FALSE(options.landscape);
-  EXPECT_TRUE(options.backgrounds);
-  EXPECT_TRUE(options.links);
-  EXPECT_TRUE(options.runAfterwards);
-  EXPECT_FALSE(options.hiOption);
-  EXPECT_EQ(1280u, options.pageWidthPx);
-  EXPECT_EQ(800u, options.pageHeightPx);
-  EXPECT_EQ(500u, options.loadDelayMs);
-  EXPECT_EQ(0x10004u, options.pdfVersion);
-  EXPECT_EQ(1u, options.compression);
-  EXPECT_EQ(5953u, options.paperWidth);
-  EXPECT_EQ(8419u, options.paperHeight);
-  EXPECT_EQ(0u, options.marginTop);
-  EXPECT_EQ(0u, options.marginRight);
-  EXPECT_EQ(u"/tmp/mrwstg_1a2b.bin", options.handoffPath);
-  EXPECT_EQ(u"", options.mappingName);
-  EXPECT_EQ(u"", options.ceOption);
 }
 
-TEST_F(ConverterArgumentsTest, EverySettingAndAPathWithBlanksArriveIntact) {
-  AddinSettings settings(u"Software\\Test\\Unused");
-  settings.LandscapeOrienatation = true;
-  settings.UseWebPageBackgroundColor = false;
-  settings.GenerateLinks = false;
-  settings.RunPDFApp = false;
-  settings.HiOption = true;
-  settings.WebPageTargetWidth = 4294967295u;
-  settings.LoadDelay = 0;
-  settings.PDFSpecification = 0x10007;
-  settings.CompressionLevel = 2;
-  settings.PageWidth = 612.0;
-  settings.PageHeight = 792.05;
-  settings.MarginTop = 12.5;
-  settings.MarginBottom = 7.25;
-  settings.MarginLeft = 36.0;
-  settings.MarginRight = 0.09;
-  settings.HandoffFilePath = std::u16string_view(u"/tmp/Ann Lee/Mail \u00e9t\u00e9/mrwstg_9.bin");
-  settings.CeOption = std::u16string_view(u"some value");
-  const ConverterOptions options = Parse(StartWith(settings));
-
-  EXPECT_TRUE(options.landscape);
-  EXPECT_FALSE(options.backgrounds);
-  EXPECT_FALSE(options.links);
-  EXPECT_FALSE(options.runAfterwards);
-  EXPECT_TRUE(options.hiOption);
-  EXPECT_EQ(4294967295u, options.pageWidthPx);
-  EXPECT_EQ(0u, options.loadDelayMs);
-  EXPECT_EQ(0x10007u, options.pdfVersion);
-  EXPECT_EQ(2u, options.compression);
-  EXPECT_EQ(6120u, options.paperWidth);
-  EXPECT_EQ(7920u, options.paperHeight);
-  EXPECT_EQ(125u, options.marginTop);
-  EXPECT_EQ(72u, options.marginBottom);
-  EXPECT_EQ(360u, options.marginLeft);
-  EXPECT_EQ(0u, options.marginRight);
-  EXPECT_EQ(u"/tmp/Ann Lee/Mail \u00e9t\u00e9/mrwstg_9.bin", options.handoffPath);
-  EXPECT_EQ(u"some value", options.ceOption);
-}
-
-TEST_F(ConverterArgumentsTest, ValuesRunUpToTheNextKnownOption) {
-  const ConverterOptions options = Parse(
-      {u"in.html", u"out.pdf", u"\\bp", u"/tmp/a", u"b", u"\\x.bin", u"\\r", u"\\ce", u"1", u"2"});
-  EXPECT_EQ(u"in.html", options.inputName);
-  EXPECT_EQ(u"out.pdf", options.outputName);
-  EXPECT_EQ(u"/tmp/a b \\x.bin", options.handoffPath);
-  EXPECT_TRUE(options.runAfterwards);
-  EXPECT_EQ(u"1 2", options.ceOption);
-}
-
-TEST_F(ConverterArgumentsTest, ALineThatStartsWithAnOptionHasNoNames) {
-  const ConverterOptions options = Parse({u"\\sm", u"MRW:IEP:HTMLData", u"\\l"});
-  EXPECT_EQ(u"", options.inputName);
-  EXPECT_EQ(u"MRW:IEP:HTMLData", options.mappingName);
-  EXPECT_TRUE(options.landscape);
-}
-
-TEST_F(ConverterArgumentsTest, NumbersTakeTheWholeUnsignedRangeOnly) {
+TEST(ConverterArguments, ValuesRunUpToTheNextKnownOption) {
   const struct {
-    const char16_t* text;
-    bool good;
-    std::uint32_t value;
+    Arguments arguments;
+    const char* expected;
   } cases[] = {
-      {u"0", true, 0},
-      {u"0042", true, 42},
-      {u"4294967295", true, 4294967295u},
-      {u"4294967296", false, 0},
-      {u"99999999999999999999", false, 0},
-      {u"-1", false, 0},
-      {u"+5", false, 0},
-      {u"12x", false, 0},
-      {u"1 2", false, 0},
-      {u"0x10", false, 0},
-      {u"", false, 0},
+      {{u"in.html", u"out.pdf", u"\\bp", u"/tmp/a", u"b", u"\\x.bin", u"\\r", u"\\ce", u"1", u"2"},
+       "in=in.html out=out.pdf l0 b0 h0 r1 hi0 iw1280 ih800 ld500 is10004 ic1 paper 5953x8419"
+       " margins 0,0,0,0 bp=/tmp/a b \\x.bin sm= ce=1 2"},
+      // A line that starts with an option has no names.
+      {{u"\\sm", u"MRW:IEP:HTMLData", u"\\l"},
+       "in= out= l1 b0 h0 r0 hi0 iw1280 ih800 ld500 is10004 ic1 paper 5953x8419 margins 0,0,0,0"
+       " bp= sm=MRW:IEP:HTMLData ce="},
   };
   for (const auto& c : cases) {
-    const std::u16string text = c.text;
-    SCOPED_TRACE(WideToUtf8(text));
-    const Arguments arguments = {u"", u"", u"\\ld", text, u"\\bp", u"/tmp/h.bin"};
-    if (c.good) {
-      EXPECT_EQ(c.value, Parse(arguments).loadDelayMs);
-    } else {
-      EXPECT_EQ("the option \\ld needs an unsigned number below 4294967296, not \"" +
-                    WideToUtf8(text) + "\"",
-                Refusal(arguments));
-    }
+    SCOPED_TRACE(c.expected);
+    EXPECT_EQ(c.expected, Describe(Parse(c.arguments)));
   }
 }
 
-TEST_F(ConverterArgumentsTest, UnusableLinesAreRefusedWithTheirReason) {
+TEST(ConverterArguments, NumbersTakeTheWholeUnsignedRangeOnly) {
+  const std::pair<const char16_t*, std::uint32_t> good[] = {
+      {u"0", 0}, {u"0042", 42}, {u"4294967295", 4294967295u}};
+  for (const auto& [text, value] : good) {
+    EXPECT_EQ(value, Parse({u"", u"", u"\\ld", text, u"\\bp", u"/tmp/h.bin"}).loadDelayMs);
+  }
+  for (const char16_t* text :
+       {u"4294967296", u"99999999999999999999", u"-1", u"+5", u"12x", u"1 2", u"0x10", u""}) {
+    SCOPED_TRACE(WideToUtf8(text));
+    EXPECT_EQ("the option \\ld needs an unsigned number below 4294967296, not \"" +
+                  WideToUtf8(text) + "\"",
+              Refusal({u"", u"", u"\\ld", text, u"\\bp", u"/tmp/h.bin"}));
+  }
+}
+
+TEST(ConverterArguments, UnusableLinesAreRefusedWithTheirReason) {
+  const char* kNoRecord =
+      "the command line names no hand-off record: neither \\bp nor \\sm is given";
   const struct {
     Arguments arguments;
     const char* message;
   } cases[] = {
-      {{u"", u"", u"\\b"},
-       "the command line names no hand-off record: neither \\bp nor \\sm is given"},
-      {{}, "the command line names no hand-off record: neither \\bp nor \\sm is given"},
+      {{u"", u"", u"\\b"}, kNoRecord},
+      {{}, kNoRecord},
       {{u"", u"", u"\\bp"}, "the option \\bp lacks its value"},
       {{u"", u"", u"\\bp", u"\\h"}, "the option \\bp lacks its value"},
       {{u"", u"", u"\\sm", u""}, "the option \\sm lacks its value"},

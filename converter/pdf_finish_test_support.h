@@ -4,8 +4,8 @@
 
 #include <map>
 #include <memory>
-#include <sstream>
 #include <string>
+#include <utility>
 
 // qpdf's own smart pointers only, not its deprecated PointerHolder.
 #ifndef POINTERHOLDER_TRANSITION
@@ -35,13 +35,12 @@ inline std::string MakePagePdf(const std::string& text, bool withLink) {
       "<< /Type /Page /MediaBox [0 0 612 792] /Resources << /Font << /F1 << /Type /Font"
       " /Subtype /Type1 /BaseFont /Helvetica >> >> >> >>"));
   page.replaceKey("/Contents", pdf.newStream("BT /F1 24 Tf 72 720 Td (" + text + ") Tj ET\n"));
-  page.replaceKey("/Annots", QPDFObjectHandle::parse(
-                                 "[ << /Type /Annot /Subtype /Text /Rect [9 9 30 30] >>" +
-                                 std::string(withLink ? " << /Type /Annot /Subtype /Link /Rect [72 "
-                                                        "700 300 740] /A << /S /URI /URI "
-                                                        "(https://example.org/) >> >>"
-                                                      : "") +
-                                 " ]"));
+  const std::string link =
+      " << /Type /Annot /Subtype /Link /Rect [72 700 300 740] /A << /S /URI /URI "
+      "(https://example.org/) >> >>";
+  page.replaceKey("/Annots", QPDFObjectHandle::parse("[ << /Type /Annot /Subtype /Text /Rect [9 9 "
+                                                     "30 30] >>" +
+                                                     (withLink ? link : "") + " ]"));
   QPDFPageDocumentHelper(pdf).addPage(page, false);
   QPDFObjectHandle metadata = pdf.newStream(std::string(kMetadataText));
   metadata.replaceDict(QPDFObjectHandle::parse("<< /Type /Metadata /Subtype /XML >>"));
@@ -63,32 +62,16 @@ inline ::mrwl::testing::CommandOutcome RunQpdf(const std::string& arguments,
                                      folder);
 }
 
-// The attachments that `qpdf --list-attachments --verbose` lists: key to the name readers show.
-inline std::map<std::string, std::string> ListedAttachments(const std::string& listing) {
-  std::map<std::string, std::string> listed;
-  std::istringstream lines(listing);
-  std::string key;
-  const std::string kPreferred = "  preferred name: ";
-  for (std::string line; std::getline(lines, line);) {
-    if (!line.empty() && line[0] != ' ' && line.find(" -> ") != std::string::npos) {
-      key = line.substr(0, line.rfind(" -> "));
-      listed[key];
-    } else if (line.rfind(kPreferred, 0) == 0) {
-      listed[key] = line.substr(kPreferred.size());
-    }
-  }
-  return listed;
-}
-
-// The embedded files of `path` by name-tree key, with their bytes.
-inline std::map<std::string, std::string> EmbeddedFilesOf(const std::string& path,
-                                                          const std::string& password = "") {
+// The embedded files of `path` by name-tree key: the name readers show, and the bytes.
+inline std::map<std::string, std::pair<std::string, std::string>> EmbeddedFilesOf(
+    const std::string& path, const std::string& password = "") {
   QPDF pdf;
   pdf.processFile(path.c_str(), password.c_str());
-  std::map<std::string, std::string> files;
-  for (const auto& [key, fileEntry] : QPDFEmbeddedFileDocumentHelper(pdf).getEmbeddedFiles()) {
-    std::shared_ptr<Buffer> data = fileEntry->getEmbeddedFileStream().getStreamData();
-    files[key] = std::string(reinterpret_cast<const char*>(data->getBuffer()), data->getSize());
+  std::map<std::string, std::pair<std::string, std::string>> files;
+  for (const auto& [key, fileSpec] : QPDFEmbeddedFileDocumentHelper(pdf).getEmbeddedFiles()) {
+    std::shared_ptr<Buffer> data = fileSpec->getEmbeddedFileStream().getStreamData();
+    files[key] = {fileSpec->getFilename(),
+                  std::string(reinterpret_cast<const char*>(data->getBuffer()), data->getSize())};
   }
   return files;
 }

@@ -39,7 +39,7 @@ class Recorder final : public platform::DialogHandler {
  public:
   void OnInit(platform::DialogWindow& window) override {
     heard.push_back("init " + std::to_string(window.Template().id));
-    if (window.Template().id == kFrame.id && makeChild) {
+    if (window.Template().id == kFrame.id) {
       child = window.CreateChild(kChild, *this, 30);
       heard.push_back(child != nullptr ? "child made" : "no child");
     }
@@ -56,7 +56,6 @@ class Recorder final : public platform::DialogHandler {
     heard.push_back("tab " + std::to_string(window.SelectedTab(id)));
   }
 
-  bool makeChild = true;
   platform::DialogWindow* child = nullptr;
   std::vector<std::string> heard;
 };
@@ -155,19 +154,15 @@ TEST_F(HeadlessDialogTest, TabsInsertAtIndexAndKeepTheSelectedOne) {
   EXPECT_EQ(dialog_.TabDisplayArea(30), (DialogRect{2, 22, 148, 95}));
 }
 
-TEST_F(HeadlessDialogTest, RectanglesComeFromDialogUnits) {
+TEST_F(HeadlessDialogTest, RectanglesSpinsAndMessages) {
   EXPECT_EQ(dialog_.ControlRect(21), (DialogRect{105, 34, 180, 53}));
   EXPECT_EQ(dialog_.ControlRect(99), DialogRect{});
   EXPECT_EQ(dialog_.TemplateSize(), (DialogRect{0, 0, 300, 211}));
-}
-
-TEST_F(HeadlessDialogTest, SpinAnswersWhatTheHandlerAnswered) {
+  // A spin answers what the handler answered; an id that is no up-down reaches no handler.
   EXPECT_TRUE(dialog_.Spin(22, -1));
   EXPECT_EQ(LastHeard(), "updown 22 -1");
   EXPECT_FALSE(dialog_.Spin(21, 1));
-}
-
-TEST_F(HeadlessDialogTest, MessagesOfChildrenCollectAtTheRoot) {
+  // Messages of children collect at the root.
   EXPECT_EQ(handler_.child->ShowMessage(u"inner text", u"", 0), 1);
   EXPECT_EQ(dialog_.ShowMessage(u"outer", u"Caption", 4), 6);
   EXPECT_EQ(dialog_.Messages(), (std::vector<std::u16string>{u"|inner text", u"Caption|outer"}));
@@ -181,14 +176,10 @@ TEST_F(HeadlessDialogTest, EndedDialogIgnoresTheUser) {
   EXPECT_FALSE(dialog_.IsChecked(14));
 }
 
-TEST(HeadlessDialog, CloseBoxActsAsCancel) {
-  Recorder handler;
-  handler.makeChild = false;
-  HeadlessDialog dialog(kFrame, handler);
-  dialog.Open();
-  dialog.Close();
-  EXPECT_TRUE(dialog.Ended());
-  EXPECT_EQ(dialog.Result(), 2);
+TEST_F(HeadlessDialogTest, CloseBoxActsAsCancel) {
+  dialog_.Close();
+  EXPECT_TRUE(dialog_.Ended());
+  EXPECT_EQ(dialog_.Result(), 2);
 }
 
 }  // namespace

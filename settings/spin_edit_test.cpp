@@ -15,10 +15,8 @@ using platform::ControlKind;
 using platform::DialogControl;
 using platform::DialogTemplate;
 
-constexpr DialogControl kControls[] = {
-    {10, ControlKind::kEdit, u"", 7, 7, 50, 12},
-    {11, ControlKind::kUpDown, u"", 57, 7, 11, 12},
-};
+constexpr DialogControl kControls[] = {{10, ControlKind::kEdit, u"", 7, 7, 50, 12},
+                                       {11, ControlKind::kUpDown, u"", 57, 7, 11, 12}};
 constexpr DialogTemplate kPage{1, u"", u"MS Shell Dlg", 8, 80, 30, true, kControls};
 
 class NoHandler final : public platform::DialogHandler {
@@ -50,28 +48,23 @@ class SpinEditTest : public ::testing::Test {
 };
 
 TEST_F(SpinEditTest, WritesTheValueThroughItsRatio) {
-  struct Case {
+  // The last: the fraction of 0.9996 inches rounds to 1000, which prints as ".1000" and strips
+  // to ".1": kept as the edit has always shown it.
+  const struct {
     std::int32_t value, numerator, denominator, decimals;
     const char* text;
-  };
-  const Case cases[] = {
-      {595000, 1, 1000, 1, "595.0"},
-      {595300, 1, 1000, 1, "595.3"},
-      {595000, 1, 72000, 3, "8.264"},
-      {595000, 1000, 2833000, 1, "210.0"},
-      {72000, 1, 72000, 3, "1.0"},
-      {12346, 1, 1000, 1, "12.3"},
-      {1280, 1, 1, 1, "1280.0"},
-      {5, 1, 1000, 1, "0.0"},
-      {36000, 1, 72000, 3, "0.5"},
-      {50, 1, 1000, 3, "0.05"},
-      {10, 1, 10, 1, "1.0"},
-      {7, 1, 1, 0, "7.0"},
-      // The fraction of 0.9996 inches rounds to 1000, which prints as ".1000" and strips to
-      // ".1": kept as the edit has always shown it.
-      {71972, 1, 72000, 3, "0.1"},
-  };
-  for (const Case& c : cases) {
+  } cases[] = {{595300, 1, 1000, 1, "595.3"},
+               {595000, 1, 72000, 3, "8.264"},
+               {595000, 1000, 2833000, 1, "210.0"},
+               {72000, 1, 72000, 3, "1.0"},
+               {12346, 1, 1000, 1, "12.3"},
+               {1280, 1, 1, 1, "1280.0"},
+               {5, 1, 1000, 1, "0.0"},
+               {50, 1, 1000, 3, "0.05"},
+               {10, 1, 10, 1, "1.0"},
+               {7, 1, 1, 0, "7.0"},
+               {71972, 1, 72000, 3, "0.1"}};
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.text);
     SetUpSpin(c.value, c.numerator, c.denominator, c.decimals);
     EXPECT_EQ(Shown(), c.text);
@@ -80,24 +73,19 @@ TEST_F(SpinEditTest, WritesTheValueThroughItsRatio) {
 }
 
 TEST_F(SpinEditTest, ReadsTypedTextOrKeepsTheValue) {
-  struct Case {
+  // Starting from 7 points each time.
+  const struct {
     const char16_t* typed;
     std::int32_t value;
-  };
-  // Starting from 7 points each time.
-  const Case cases[] = {
-      {u"12.34567", 12346}, {u"  +4", 4000},      {u"2.5x", 2500}, {u"1.", 1000},
-      {u".5", 7000},        {u"abc", 7000},       {u"- 3", 7000},  {u"", 0},
-      {u"-3", 0},           {u"99999", 10000000}, {u"0.0004", 0},  {u"0.0006", 1},
-  };
-  for (const Case& c : cases) {
+  } cases[] = {{u"12.34567", 12346}, {u"  +4", 4000}, {u"2.5x", 2500},      {u"1.", 1000},
+               {u".5", 7000},        {u"abc", 7000},  {u"- 3", 7000},       {u"", 0},
+               {u"-3", 0},           {u"0.0004", 0},  {u"99999", 10000000}, {u"0.0006", 1}};
+  for (const auto& c : cases) {
     SCOPED_TRACE(WideToUtf8(c.typed));
     SetUpSpin(7000, 1, 1000, 1);
     EXPECT_EQ(ReadAfterTyping(c.typed), c.value);
   }
-}
-
-TEST_F(SpinEditTest, IgnoredTextStillHonoursTheLimits) {
+  // Ignored text still honours the limits.
   spin_.Setup(0, 100, 50, 1, 1, 1);
   spin_.minimum = 60;
   EXPECT_EQ(ReadAfterTyping(u"x"), 60);
@@ -117,7 +105,7 @@ TEST_F(SpinEditTest, UntouchedTextKeepsTheExactValueAcrossUnits) {
   EXPECT_EQ(spin_.value, 595000);
 }
 
-TEST_F(SpinEditTest, UpDownStepsOneUnitFromTheTypedText) {
+TEST_F(SpinEditTest, UpDownStepsOneUnitFromTheTypedTextAndEverySetterClamps) {
   SetUpSpin(595000, 1000, 2833000, 1);
   EXPECT_TRUE(spin_.OnDeltaPos(1));
   EXPECT_EQ(spin_.value, 597833);
@@ -129,9 +117,7 @@ TEST_F(SpinEditTest, UpDownStepsOneUnitFromTheTypedText) {
   spin_.OnDeltaPos(-1);
   EXPECT_EQ(spin_.value, 0);
   EXPECT_EQ(Shown(), "0.0");
-}
 
-TEST_F(SpinEditTest, SetValueAndSetupClamp) {
   spin_.Setup(5, 100, 1000, 1, 1, 1);
   EXPECT_EQ(spin_.value, 100);
   spin_.SetValue(-4);
