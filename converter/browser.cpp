@@ -19,6 +19,7 @@
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
+#include "foundation/codecs.h"
 #include "platform/kernel.h"
 #include "platform/process.h"
 #include "platform/utf.h"
@@ -46,42 +47,6 @@ constexpr DWORD kCloseTimeoutMs = 3000;
 // Chromium refuses print scales outside this range.
 constexpr double kMinScale = 0.1;
 constexpr double kMaxScale = 2.0;
-
-// The decoded bytes of base64 `text`; nothing when it is not base64.
-std::optional<std::string> DecodeBase64(std::string_view text) {
-  auto value = [](char c) -> int {
-    if (c >= 'A' && c <= 'Z') return c - 'A';
-    if (c >= 'a' && c <= 'z') return c - 'a' + 26;
-    if (c >= '0' && c <= '9') return c - '0' + 52;
-    if (c == '+') return 62;
-    if (c == '/') return 63;
-    return -1;
-  };
-  while (!text.empty() && text.back() == '=') text.remove_suffix(1);
-  if (text.size() % 4 == 1) return std::nullopt;
-  std::string out;
-  out.reserve(text.size() / 4 * 3 + 2);
-  std::uint32_t bits = 0;
-  int count = 0;
-  for (char c : text) {
-    const int v = value(c);
-    if (v < 0) return std::nullopt;
-    bits = (bits << 6) | static_cast<std::uint32_t>(v);
-    if (++count == 4) {
-      out.push_back(static_cast<char>(bits >> 16));
-      out.push_back(static_cast<char>(bits >> 8));
-      out.push_back(static_cast<char>(bits));
-      bits = 0;
-      count = 0;
-    }
-  }
-  if (count == 2) out.push_back(static_cast<char>(bits >> 4));
-  if (count == 3) {
-    out.push_back(static_cast<char>(bits >> 10));
-    out.push_back(static_cast<char>(bits >> 2));
-  }
-  return out;
-}
 
 // The file: URL of an absolute path; every byte but the unreserved ones and '/' is escaped, so
 // that '#', '?' and '%' in a file name stay part of the path.
@@ -676,13 +641,14 @@ bool ChromiumBrowser::Render(const std::string& pagePath, const PrintRequest& re
     error = "the browser returned no PDF for " + pagePath;
     return false;
   }
-  std::optional<std::string> bytes =
-      DecodeBase64(std::string_view(data->value.GetString(), data->value.GetStringLength()));
-  if (!bytes || bytes->rfind("%PDF-", 0) != 0) {
+  std::string bytes;
+  if (!DecodeBase64(std::string_view(data->value.GetString(), data->value.GetStringLength()),
+                    Base64Input::kStrict, bytes) ||
+      bytes.rfind("%PDF-", 0) != 0) {
     error = "the browser returned a damaged PDF for " + pagePath;
     return false;
   }
-  pdf = std::move(*bytes);
+  pdf = std::move(bytes);
   return true;
 }
 

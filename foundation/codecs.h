@@ -17,6 +17,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 #include <string_view>
 
 #include "foundation/result_codes.h"
@@ -161,5 +162,16 @@ ResultCode SealTextToString(SealContext* context, std::u16string_view text,
                             WideString& result) noexcept;
 ResultCode UnsealTextToString(SealContext* context, std::u16string_view text,
                               WideString& result) noexcept;
+
+// What a base64 decoder does with characters outside the alphabet.
+enum class Base64Input {
+  kStrict,      // refused; '=' only as trailing padding, and no last group of one character
+  kSkipOthers,  // passed over (line breaks, padding); the text ends at a NUL; a lone last
+                // character is dropped
+};
+
+// Appends the bytes of base64 `text` to `out`. False, with `out` partly filled, only when a strict
+// decode meets what it refuses.
+bool DecodeBase64(std::string_view text, Base64Input input, std::string& out);
 
 }  // namespace mrwl

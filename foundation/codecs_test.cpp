@@ -447,5 +447,33 @@ TEST(CodecsDomain, IsRegisteredByName) {
   EXPECT_STREQ("Codecs", name);
 }
 
+TEST(Base64, StrictRefusesWhatSkippingPassesOver) {
+  const struct {
+    std::string_view text;
+    Base64Input input;
+    bool ok;
+    std::string_view bytes;
+  } cases[] = {
+      {"TWFu", Base64Input::kStrict, true, "Man"},
+      {"TWE=", Base64Input::kStrict, true, "Ma"},
+      {"TQ==", Base64Input::kStrict, true, "M"},
+      {"TWFuT", Base64Input::kStrict, false, ""},
+      {"TW=Fu", Base64Input::kStrict, false, ""},
+      {"TW\r\nFu", Base64Input::kStrict, false, ""},
+      {"TW\r\nFu", Base64Input::kSkipOthers, true, "Man"},
+      {"TWE=\r\n", Base64Input::kSkipOthers, true, "Ma"},
+      {"TWFuT", Base64Input::kSkipOthers, true, "Man"},
+      {std::string_view("TWFu\0TWFu", 9), Base64Input::kSkipOthers, true, "Man"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::string(c.text));
+    std::string out;
+    EXPECT_EQ(c.ok, DecodeBase64(c.text, c.input, out));
+    if (c.ok) {
+      EXPECT_EQ(c.bytes, out);
+    }
+  }
+}
+
 }  // namespace
 }  // namespace mrwl

@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 
+#include "foundation/codecs.h"
 #include "platform/com.h"
 #include "platform/files.h"
 #include "platform/registry.h"
@@ -278,15 +279,6 @@ void AppendTextOption(WideString& out, std::u16string_view option, std::u16strin
   (void)out.Append(u' ');
 }
 
-int Base64Value(unsigned char c) noexcept {
-  if (c >= 'A' && c <= 'Z') return c - 'A';
-  if (c >= 'a' && c <= 'z') return c - 'a' + 26;
-  if (c >= '0' && c <= '9') return c - '0' + 52;
-  if (c == '+') return 62;
-  if (c == '/') return 63;
-  return -1;
-}
-
 }  // namespace
 
 AddinSettings::AddinSettings(std::u16string_view keyPath)
@@ -459,29 +451,7 @@ void EncodePassword(std::u16string_view password, std::string& out) {
 bool DecodePassword(std::string_view stored, WideString& out) {
   out.Clear();
   std::string bytes;
-  bytes.reserve(stored.size() / 4 * 3 + 3);
-  std::uint32_t bits = 0;
-  int count = 0;
-  for (char c : stored) {
-    if (c == '\0') break;
-    const int value = Base64Value(static_cast<unsigned char>(c));
-    if (value < 0) continue;
-    bits = bits << 6 | static_cast<std::uint32_t>(value);
-    if (++count == 4) {
-      bytes.push_back(static_cast<char>(bits >> 16 & 0xFF));
-      bytes.push_back(static_cast<char>(bits >> 8 & 0xFF));
-      bytes.push_back(static_cast<char>(bits & 0xFF));
-      bits = 0;
-      count = 0;
-    }
-  }
-  // A short last group carries one byte for two characters, two for three; one alone is noise.
-  if (count == 2) {
-    bytes.push_back(static_cast<char>(bits >> 4 & 0xFF));
-  } else if (count == 3) {
-    bytes.push_back(static_cast<char>(bits >> 10 & 0xFF));
-    bytes.push_back(static_cast<char>(bits >> 2 & 0xFF));
-  }
+  (void)DecodeBase64(stored, Base64Input::kSkipOthers, bytes);
   if (bytes.size() % 2 != 0) return false;
   if (!out.Resize(bytes.size() / 2)) return false;
   for (std::size_t i = 0; i < bytes.size() / 2; ++i) {

@@ -107,11 +107,8 @@ TEST(DialogTemplates, EveryControlThePagesUseHasItsKindAndText) {
       {215, K::kGroupBox, {u"Document Passwords", u"Document Permissions"}},
       {215, K::kLabel, {u"Password:", u"Encryption Level:"}},
       {219, K::kLabel, {u"Changes Allowed:", u"Printing the Document:"}},
-      {103, K::kGroupBox, {u"PDF Specification", u"Compression", u"Run Options"}},
-      {103,
-       K::kLabel,
-       {u"Web page target width:", u"Compression level:", u"Conform to Specification:",
-        u"Parameters:"}},
+      {103, K::kGroupBox, {u"Compression", u"Run Options"}},
+      {103, K::kLabel, {u"Web page target width:", u"Compression level:", u"Parameters:"}},
   };
   for (const auto& row : labels) {
     for (const std::u16string_view text : row.texts) {
